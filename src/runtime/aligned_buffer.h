@@ -1,0 +1,46 @@
+// Owning, 128-byte aligned heap buffers. Every buffer a kernel reads or writes
+// is allocated here, so that SIMD loads never straddle a cache line pair at
+// the start of a row block and so that no two threads' outputs share a line.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <new>
+
+namespace quorvel {
+
+inline constexpr std::size_t kBufferAlignment = 128;
+
+// count * size, or the largest size_t when the product overflows: the
+// allocation then fails with std::bad_alloc instead of succeeding small.
+inline std::size_t checked_bytes(std::uint64_t count, std::uint64_t size) {
+  if (size != 0 && count > std::numeric_limits<std::size_t>::max() / size) {
+    return std::numeric_limits<std::size_t>::max();
+  }
+  return static_cast<std::size_t>(count * size);
+}
+
+struct AlignedDeleter {
+  void operator()(void* p) const { ::operator delete(p, std::align_val_t{kBufferAlignment}); }
+};
+
+template <typename T>
+using AlignedPtr = std::unique_ptr<T[], AlignedDeleter>;
+
+// Allocates `bytes` bytes (uninitialised) with 128-byte alignment, viewed as T.
+// Throws std::bad_alloc when the memory is not there.
+template <typename T>
+AlignedPtr<T> allocate_aligned(std::size_t bytes) {
+  void* p = ::operator new(bytes == 0 ? kBufferAlignment : bytes, std::align_val_t{kBufferAlignment});
+  return AlignedPtr<T>(static_cast<T*>(p));
+}
+
+// Allocates room for `count` elements of T, overflow-safe.
+template <typename T>
+AlignedPtr<T> allocate_aligned_elements(std::uint64_t count) {
+  return allocate_aligned<T>(checked_bytes(count, sizeof(T)));
+}
+
+}  // namespace quorvel

@@ -1,0 +1,95 @@
+// The process-wide worker pool: a fork-join barrier for very short jobs.
+//
+// Layers dispatch thousands of jobs per generated token, so the pool never
+// allocates, locks or sleeps on the dispatch path: workers spin on a
+// generation counter (for ten seconds after their last job, then park on a
+// condition variable), and the dispatching thread runs share 0 itself and
+// spins until every worker has finished. One job is in flight at a time.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace quorvel {
+
+// A job body processes items [first, first + count); it must be safe to run
+// concurrently on disjoint ranges and must not throw.
+using JobFn = void (*)(void* ctx, std::uint64_t first, std::uint64_t count);
+
+inline constexpr std::uint64_t kMaxThreads = 128;
+
+// The thread count T, counting the calling thread. Defaults to the number of
+// logical processors minus two (at least 1, at most 128).
+std::uint64_t thread_count();
+// Applies the init config's "num_threads": a value >= 1 sets T to
+// min(value, 128); zero or negative keeps the default. Call before the pool
+// is first used; T must not change afterwards.
+void set_thread_count(std::int32_t requested);
+
+// How many pool shares the calling thread is running right now; non-zero
+// means "already inside a job: do the work inline, do not dispatch".
+std::uint64_t current_depth();
+// 0 on the main thread and every non-pool thread, i on worker i (1 .. T-1).
+std::uint64_t worker_index();
+
+class ThreadPool {
+ public:
+  // The pool of the process, started (T - 1 workers) on the first call.
+  static ThreadPool& instance();
+
+  explicit ThreadPool(std::uint64_t threads);
+  ~ThreadPool();
+  ThreadPool(const ThreadPool&) = delete;
+  ThreadPool& operator=(const ThreadPool&) = delete;
+
+  // Runs fn over [0, n) and returns when every item is done. chunk == 0:
+  // static mode, one contiguous block per thread in thread order (the first
+  // n % T threads take one extra item). chunk > 0: blocks of `chunk` items
+  // handed out first come, first served.
+  void run(JobFn fn, void* ctx, std::uint64_t n, std::uint64_t chunk);
+
+  // Stops and joins the workers. Idempotent.
+  void shutdown();
+
+  std::uint64_t threads() const { return threads_; }
+
+ private:
+  struct alignas(128) PaddedCounter {
+    std::atomic<std::uint64_t> value{0};
+  };
+
+  void worker_loop(std::uint64_t index);
+  void run_share(std::uint64_t index);
+
+  std::uint64_t threads_;
+  JobFn fn_ = nullptr;
+  void* ctx_ = nullptr;
+  std::uint64_t share_ = 0;
+  std::uint64_t remainder_ = 0;
+  std::uint64_t total_ = 0;
+  std::uint64_t chunk_ = 0;
+  std::uint8_t dynamic_ = 0;
+  PaddedCounter next_chunk_;
+  PaddedCounter generation_;
+  PaddedCounter done_[kMaxThreads];
+  std::vector<std::thread> workers_;
+  std::atomic<bool> running_{true};
+  std::mutex mutex_;
+  std::condition_variable wake_;
+};
+
+// Runs body(first, count) over [0, n) on the process-wide pool. The lambda
+// lives on the caller's stack for the duration of the call; nothing is
+// allocated.
+template <typename Body>
+void parallel_for(std::uint64_t n, std::uint64_t chunk, Body& body) {
+  ThreadPool::instance().run(
+      [](void* ctx, std::uint64_t first, std::uint64_t count) { (*static_cast<Body*>(ctx))(first, count); }, &body,
+      n, chunk);
+}
+
+}  // namespace quorvel
