@@ -1,0 +1,81 @@
+#include "engine/engine.h"
+
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+
+#include "engine/init_config.h"
+#include "engine/model_runner.h"
+#include "engine/request_loop.h"
+#include "io/model_header.h"
+#include "io/rope_header.h"
+#include "models/model_base.h"
+#include "runtime/thread_pool.h"
+
+namespace quorvel {
+namespace {
+
+// Start-up failures print their message and end with status 1.
+int fail(const std::string& message) {
+  std::cerr << message << std::endl;
+  return 1;
+}
+
+// Qwen3.5 files may carry sections this engine cannot run.
+bool refuse_qwen3_5_sections(const InitConfig& config, const ModelFileInfo& info) {
+  if (static_cast<ArchType>(config.arch_type) != ArchType::QWEN3_5) return false;
+  if (info.has_section_2) {
+    fail("Error: Qwen3.5 visual sections are present in qmodel.tensors, but multimodal runtime support is not "
+         "implemented yet.");
+    return true;
+  }
+  if (info.has_section_3) {
+    fail("Error: Qwen3.5 MTP sections are present in qmodel.tensors, but MTP runtime support is not implemented "
+         "yet.");
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+int run_engine(int argc, char** argv) {
+  // Reading a block must never flush standard output.
+  std::ios::sync_with_stdio(false);
+  std::cin.tie(nullptr);
+
+  if (argc != 2) return fail(std::string("Usage: ") + argv[0] + " <Model Directory>");
+
+  InitConfig config;
+  try {
+    config = read_init_config(std::cin);
+  } catch (const std::exception& e) {
+    return fail(std::string("Error parsing init config: ") + e.what());
+  }
+  if (auto refusal = unsupported_format_message(config)) return fail(*refusal);
+
+  const std::filesystem::path directory(argv[1]);
+  std::ifstream tensors(directory / "qmodel.tensors", std::ios::binary);
+  std::ifstream rope(directory / "rope.cache", std::ios::binary);
+  if (!tensors.is_open() || !rope.is_open()) {
+    std::cerr << "Error: Could not open model files in " << directory << std::endl;
+    return 1;
+  }
+
+  // The scratch buffers are sized by the thread count: set it before the model.
+  set_thread_count(config.num_threads);
+
+  ModelFileInfo info;
+  if (!check_model_header(tensors, config.arch_type, &info)) return 1;
+  if (!check_rope_header(rope, kRopeCacheVersion)) return 1;
+  if (refuse_qwen3_5_sections(config, info)) return 1;
+
+  std::unique_ptr<ModelBase> model = create_model(tensors, rope, config);
+  ModelRunner runner(*model);
+  RequestLoop(runner, config, std::cin, std::cout, std::cerr).run();
+  return 0;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,49 @@
+// The model's scratch buffers, sized once from the config and the thread
+// count, so that nothing is allocated per token.
+#pragma once
+
+#include <cstdint>
+
+#include "engine/init_config.h"
+#include "runtime/aligned_buffer.h"
+#include "runtime/bf16.h"
+#include "sampling/sampler.h"
+
+namespace quorvel {
+
+inline constexpr std::uint64_t kMaxTopK = 256;
+
+class ModelScratch {
+ public:
+  // Sizes use the current thread_count(): apply "num_threads" first.
+  explicit ModelScratch(const InitConfig& config);
+
+  float* attention() const { return attention_.get(); }    // (D + 64) floats per query head
+  bf16* projection_a() const { return projection_a_.get(); }  // I x M values
+  bf16* projection_b() const { return projection_b_.get(); }  // I x M values
+  float* row_scales() const { return row_scales_.get(); }  // one per row, M
+  std::int8_t* codes() const { return codes_.get(); }      // I x M quantized activations
+  float* logits() const { return logits_.get(); }          // V32 floats
+  SamplingWorkspace sampling() const { return {candidates_.get(), indices_.get(), kMaxTopK}; }
+
+  std::uint64_t max_positions() const { return max_positions_; }
+  std::uint64_t padded_vocab() const { return padded_vocab_; }
+
+ private:
+  AlignedPtr<float> attention_;
+  AlignedPtr<bf16> projection_a_;
+  AlignedPtr<bf16> projection_b_;
+  AlignedPtr<float> row_scales_;
+  AlignedPtr<std::int8_t> codes_;
+  AlignedPtr<float> logits_;
+  AlignedPtr<Candidate> candidates_;
+  AlignedPtr<std::uint64_t> indices_;
+  std::uint64_t max_positions_;
+  std::uint64_t num_heads_;
+  std::uint64_t intermediate_dim_;
+  std::uint64_t padded_vocab_;
+  std::uint64_t max_top_k_ = kMaxTopK;
+  std::uint64_t head_dim_;
+};
+
+}  // namespace quorvel
