@@ -24,5 +24,20 @@ test-sanitize:
 test-tsan:
 	$(MAKE) test BUILD=build-tsan CMAKE_FLAGS="-DQUORVEL_SANITIZE=thread"
 
+# Kernel micro-benchmarks in a Release build of their own. BENCH_ARGS passes
+# Google Benchmark flags; the default keeps one run short on a shared machine.
+BENCH_ARGS ?= --benchmark_min_time=0.1
+bench:
+	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON -DQUORVEL_TESTS=OFF
+	cmake --build build-release -j $(JOBS) --target kernels_bench
+	./build-release/bench/kernels_bench $(BENCH_ARGS)
+
+# Writes MODEL_DIR/rope.cache from MODEL_DIR/init.txt with the tools' RoPE writer.
+.PHONY: generate
+generate: $(BUILD)/build.ninja
+	@test -n "$(MODEL_DIR)" || { echo "Usage: make generate MODEL_DIR=<path>" >&2; exit 1; }
+	cmake --build $(BUILD) -j $(JOBS) --target quorvel-make-rope
+	$(BUILD)/tools/quorvel-make-rope "$(MODEL_DIR)"
+
 clean:
 	rm -rf build build-asan build-tsan build-release

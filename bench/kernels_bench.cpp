@@ -1,0 +1,136 @@
+// Throughput of the single-token products of every weight format (ternary,
+// q1_0_128, q1.58, q8_0 and the int8 unembedding table) at K = 2048 and 4096,
+// for every kernel set this machine can run, reported as weights/s and
+// bytes of weights/s. A later kernel set joins by adding it to kernel_sets().
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "runtime/aligned_buffer.h"
+#include "runtime/formats/q1_0.h"
+#include "runtime/formats/q1_58.h"
+#include "runtime/formats/q8_0.h"
+#include "runtime/kernel_base.h"
+#include "runtime/scalar/portable_kernels.h"
+
+namespace {
+
+using quorvel::bf16;
+using quorvel::kernels::KernelBase;
+namespace formats = quorvel::formats;
+
+constexpr std::size_t kRows = 2048;
+constexpr std::size_t kInputLengths[] = {2048, 4096};
+
+std::vector<const KernelBase*> kernel_sets() {
+  static const quorvel::kernels::PortableKernels portable;
+  return {&portable};
+}
+
+// One matrix and activation row; the weights are random bytes with sane
+// scales, so that no denormal or NaN arithmetic distorts the timing.
+struct ProductInputs {
+  std::size_t k;
+  quorvel::AlignedPtr<std::uint8_t> w;
+  quorvel::AlignedPtr<std::int8_t> x;
+  quorvel::AlignedPtr<float> row_scales;
+  quorvel::AlignedPtr<bf16> out;
+  quorvel::AlignedPtr<float> logits;
+};
+
+template <typename Block>
+void set_block_scales(std::uint8_t* w, std::size_t bytes, float scale) {
+  auto* blocks = reinterpret_cast<Block*>(w);
+  for (std::size_t b = 0; b < bytes / sizeof(Block); ++b) {
+    if constexpr (std::is_same_v<decltype(blocks[b].d), bf16>) {
+      blocks[b].d = quorvel::narrow_nearest_even(scale);
+    } else {
+      blocks[b].d = scale;
+    }
+  }
+}
+
+struct Product {
+  const char* name;
+  std::size_t (*row_bytes)(std::size_t k);
+  void (*set_scales)(std::uint8_t* w, std::size_t bytes);  // null when the format has none in the table
+  void (*run)(const KernelBase& kernels, ProductInputs& in);
+};
+
+const Product kProducts[] = {
+    {"gemv_ternary", [](std::size_t k) { return k / 4; }, nullptr,
+     [](const KernelBase& kernels, ProductInputs& in) {
+       kernels.gemv_ternary(in.w.get(), in.x.get(), 0, in.out.get(), kRows, in.k, 0.01f, 0.5);
+     }},
+    {"gemv_q1_0", [](std::size_t k) { return k / 128 * sizeof(formats::BlockQ1_0); },
+     [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ1_0>(w, bytes, 0.01f); },
+     [](const KernelBase& kernels, ProductInputs& in) {
+       kernels.gemv_q1_0(in.w.get(), in.x.get(), 0.01f, in.out.get(), kRows, in.k);
+     }},
+    {"gemv_q1_58", [](std::size_t k) { return k / 128 * sizeof(formats::BlockQ1_58); },
+     [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ1_58>(w, bytes, 0.01f); },
+     [](const KernelBase& kernels, ProductInputs& in) {
+       kernels.gemv_q1_58(in.w.get(), in.x.get(), 0.01f, in.out.get(), kRows, in.k);
+     }},
+    {"gemv_q8_0", [](std::size_t k) { return k / 32 * sizeof(formats::BlockQ8_0); },
+     [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ8_0>(w, bytes, 0.01f); },
+     [](const KernelBase& kernels, ProductInputs& in) {
+       kernels.gemv_q8_0(in.w.get(), in.x.get(), 0.01f, in.out.get(), kRows, in.k);
+     }},
+    {"gemv_i8_f32", [](std::size_t k) { return k; }, nullptr,
+     [](const KernelBase& kernels, ProductInputs& in) {
+       kernels.gemv_i8_f32(reinterpret_cast<const std::int8_t*>(in.w.get()), in.row_scales.get(), in.x.get(), 0.01f,
+                           in.logits.get(), kRows, in.k);
+     }},
+};
+
+ProductInputs make_inputs(const Product& product, std::size_t k) {
+  const std::size_t bytes = kRows * product.row_bytes(k);
+  ProductInputs in{k,
+                   quorvel::allocate_aligned<std::uint8_t>(bytes),
+                   quorvel::allocate_aligned_elements<std::int8_t>(k),
+                   quorvel::allocate_aligned_elements<float>(kRows),
+                   quorvel::allocate_aligned_elements<bf16>(kRows),
+                   quorvel::allocate_aligned_elements<float>(kRows)};
+  std::mt19937 engine(7);
+  for (std::size_t i = 0; i < bytes; ++i) in.w[i] = static_cast<std::uint8_t>(engine());
+  for (std::size_t i = 0; i < k; ++i) in.x[i] = static_cast<std::int8_t>(static_cast<int>(engine() % 255) - 127);
+  for (std::size_t r = 0; r < kRows; ++r) in.row_scales[r] = 0.001f;
+  if (product.set_scales) product.set_scales(in.w.get(), bytes);
+  return in;
+}
+
+void bench_product(benchmark::State& state, const KernelBase* kernels, const Product* product, std::size_t k) {
+  ProductInputs in = make_inputs(*product, k);
+  for (auto _ : state) {
+    product->run(*kernels, in);
+    benchmark::ClobberMemory();
+  }
+  const auto iterations = static_cast<double>(state.iterations());
+  state.counters["weights/s"] =
+      benchmark::Counter(static_cast<double>(kRows * k) * iterations, benchmark::Counter::kIsRate);
+  state.counters["bytes/s"] =
+      benchmark::Counter(static_cast<double>(kRows * product->row_bytes(k)) * iterations, benchmark::Counter::kIsRate);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  for (const KernelBase* kernels : kernel_sets()) {
+    for (const Product& product : kProducts) {
+      for (std::size_t k : kInputLengths) {
+        const std::string name = std::string(product.name) + "/" + kernels->name() + "/K:" + std::to_string(k);
+        benchmark::RegisterBenchmark(name.c_str(), bench_product, kernels, &product, k)->Unit(benchmark::kMicrosecond);
+      }
+    }
+  }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
