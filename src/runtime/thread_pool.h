@@ -22,12 +22,18 @@ using JobFn = void (*)(void* ctx, std::uint64_t first, std::uint64_t count);
 
 inline constexpr std::uint64_t kMaxThreads = 128;
 
+// The thread count rule as a pure function: a request >= 1 gives
+// min(request, 128); otherwise `hardware` logical processors give
+// min(hardware - 2, 128) when there are at least 3 of them, else 1.
+std::uint64_t resolve_thread_count(std::uint64_t hardware, std::int32_t requested);
+
 // The thread count T, counting the calling thread. Defaults to the number of
 // logical processors minus two (at least 1, at most 128).
 std::uint64_t thread_count();
 // Applies the init config's "num_threads": a value >= 1 sets T to
 // min(value, 128); zero or negative keeps the default. Call before the pool
-// is first used; T must not change afterwards.
+// is first used; once instance() has been called, T no longer changes and
+// the call is ignored. Safe to call from any static initialiser.
 void set_thread_count(std::int32_t requested);
 
 // How many pool shares the calling thread is running right now; non-zero
@@ -41,6 +47,8 @@ class ThreadPool {
   // The pool of the process, started (T - 1 workers) on the first call.
   static ThreadPool& instance();
 
+  // Starts threads - 1 workers, threads clamped to 1 .. 128. Throws
+  // std::system_error "thread constructor failed" if one cannot start.
   explicit ThreadPool(std::uint64_t threads);
   ~ThreadPool();
   ThreadPool(const ThreadPool&) = delete;
@@ -52,7 +60,7 @@ class ThreadPool {
   // handed out first come, first served.
   void run(JobFn fn, void* ctx, std::uint64_t n, std::uint64_t chunk);
 
-  // Stops and joins the workers. Idempotent.
+  // Stops and joins the workers. Idempotent; later runs execute inline.
   void shutdown();
 
   std::uint64_t threads() const { return threads_; }
@@ -62,8 +70,15 @@ class ThreadPool {
     std::atomic<std::uint64_t> value{0};
   };
 
+  void publish(JobFn fn, void* ctx, std::uint64_t n, std::uint64_t chunk);
+  void wake_sleepers();
+  void wait_for_workers(std::uint64_t generation) const;
   void worker_loop(std::uint64_t index);
+  void wait_for_new_generation(std::uint64_t seen);
+  void park(std::uint64_t seen);
   void run_share(std::uint64_t index);
+  void run_static_block(std::uint64_t index) const;
+  void run_chunks();
 
   std::uint64_t threads_;
   JobFn fn_ = nullptr;
@@ -76,6 +91,9 @@ class ThreadPool {
   PaddedCounter next_chunk_;
   PaddedCounter generation_;
   PaddedCounter done_[kMaxThreads];
+  // Workers parked (or about to park) on wake_; lets the dispatcher skip the
+  // mutex and the notification while every worker is spinning.
+  PaddedCounter sleepers_;
   std::vector<std::thread> workers_;
   std::atomic<bool> running_{true};
   std::mutex mutex_;

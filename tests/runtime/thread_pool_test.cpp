@@ -1,0 +1,224 @@
+#include "runtime/thread_pool.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace quorvel {
+namespace {
+
+// Made from this file's static initialisation, as the engine's own tests do:
+// it must survive whatever order the library's initialisation runs in.
+const bool kThreadsRequested = (set_thread_count(3), true);
+
+struct Call {
+  std::uint64_t first;
+  std::uint64_t count;
+  std::uint64_t worker;
+  std::uint64_t depth;
+  bool operator<(const Call& other) const { return first < other.first; }
+};
+
+struct Recorder {
+  std::mutex mutex;
+  std::vector<Call> calls;
+
+  static void record(void* ctx, std::uint64_t first, std::uint64_t count) {
+    auto* self = static_cast<Recorder*>(ctx);
+    const std::lock_guard<std::mutex> lock(self->mutex);
+    self->calls.push_back({first, count, worker_index(), current_depth()});
+  }
+};
+
+// Runs one job and returns its calls sorted by first item.
+std::vector<Call> record_run(ThreadPool& pool, std::uint64_t n, std::uint64_t chunk) {
+  Recorder recorder;
+  pool.run(&Recorder::record, &recorder, n, chunk);
+  EXPECT_EQ(current_depth(), 0u);
+  std::sort(recorder.calls.begin(), recorder.calls.end());
+  return recorder.calls;
+}
+
+void expect_one_inline_call(const std::vector<Call>& calls, std::uint64_t n) {
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].first, 0u);
+  EXPECT_EQ(calls[0].count, n);
+  EXPECT_EQ(calls[0].worker, 0u);
+  EXPECT_EQ(calls[0].depth, 0u);
+}
+
+TEST(ThreadCountTest, DefaultLeavesTwoProcessorsFreeWithinOneTo128) {
+  EXPECT_EQ(resolve_thread_count(0, 0), 1u);  // count unknown
+  EXPECT_EQ(resolve_thread_count(2, 0), 1u);
+  EXPECT_EQ(resolve_thread_count(3, 0), 1u);
+  EXPECT_EQ(resolve_thread_count(4, 0), 2u);
+  EXPECT_EQ(resolve_thread_count(130, 0), 128u);
+  EXPECT_EQ(resolve_thread_count(1000, 0), 128u);
+}
+
+TEST(ThreadCountTest, PositiveRequestOverridesUpTo128AndOthersKeepDefault) {
+  EXPECT_EQ(resolve_thread_count(16, 1), 1u);
+  EXPECT_EQ(resolve_thread_count(2, 7), 7u);
+  EXPECT_EQ(resolve_thread_count(16, 128), 128u);
+  EXPECT_EQ(resolve_thread_count(16, 500), 128u);
+  EXPECT_EQ(resolve_thread_count(16, 0), 14u);
+  EXPECT_EQ(resolve_thread_count(16, -3), 14u);
+}
+
+TEST(ThreadPoolTest, StaticModeGivesEachThreadItsContiguousBlockInOrder) {
+  for (const std::uint64_t threads : {2u, 4u}) {
+    ThreadPool pool(threads);
+    for (const std::uint64_t n : {0u, 1u, 3u, 4u, 5u, 11u, 1000u}) {
+      SCOPED_TRACE(testing::Message() << "T=" << threads << " n=" << n);
+      const std::vector<Call> calls = record_run(pool, n, 0);
+      ASSERT_EQ(calls.size(), std::min(n, threads));
+      std::uint64_t next = 0;
+      for (std::uint64_t i = 0; i < calls.size(); ++i) {
+        EXPECT_EQ(calls[i].worker, i);  // thread i owns the i-th block
+        EXPECT_EQ(calls[i].first, next);
+        EXPECT_EQ(calls[i].count, n / threads + (i < n % threads ? 1 : 0));
+        EXPECT_EQ(calls[i].depth, 1u);
+        next = calls[i].first + calls[i].count;
+      }
+      EXPECT_EQ(next, n);
+    }
+  }
+}
+
+TEST(ThreadPoolTest, DynamicModeRunsSmallJobsInlineAndSplitsLargerOnesIntoChunks) {
+  ThreadPool pool(4);
+  expect_one_inline_call(record_run(pool, 0, 4), 0);
+  expect_one_inline_call(record_run(pool, 5, 8), 5);
+  expect_one_inline_call(record_run(pool, 8, 8), 8);
+
+  const std::vector<Call> two = record_run(pool, 9, 8);
+  ASSERT_EQ(two.size(), 2u);
+  EXPECT_EQ(two[0].first, 0u);
+  EXPECT_EQ(two[0].count, 8u);
+  EXPECT_EQ(two[1].first, 8u);
+  EXPECT_EQ(two[1].count, 1u);
+
+  const std::vector<Call> many = record_run(pool, 1000, 7);
+  ASSERT_EQ(many.size(), 143u);
+  for (std::uint64_t m = 0; m < many.size(); ++m) {
+    EXPECT_EQ(many[m].first, 7 * m);
+    EXPECT_EQ(many[m].count, m + 1 < many.size() ? 7u : 6u);
+    EXPECT_EQ(many[m].depth, 1u);
+  }
+}
+
+TEST(ThreadPoolTest, DynamicModeWithHugeChunksDoesNotWrapAround) {
+  ThreadPool pool(4);
+  const std::uint64_t chunk = std::uint64_t{1} << 63;
+  const std::vector<Call> calls = record_run(pool, chunk + 1, chunk);
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].first, 0u);
+  EXPECT_EQ(calls[0].count, chunk);
+  EXPECT_EQ(calls[1].first, chunk);
+  EXPECT_EQ(calls[1].count, 1u);
+}
+
+TEST(ThreadPoolTest, SingleThreadPoolRunsEveryJobInlineAsOneCall) {
+  ThreadPool pool(1);
+  expect_one_inline_call(record_run(pool, 10, 0), 10);
+  expect_one_inline_call(record_run(pool, 0, 0), 0);
+  expect_one_inline_call(record_run(pool, 100, 3), 100);
+}
+
+struct NestedJob {
+  ThreadPool* pool;
+  Recorder inner[4];
+
+  static void run_inner(void* ctx, std::uint64_t first, std::uint64_t) {
+    auto* self = static_cast<NestedJob*>(ctx);
+    self->pool->run(&Recorder::record, &self->inner[first], 6, 0);
+  }
+};
+
+TEST(ThreadPoolTest, RunFromInsideAShareOrAfterShutdownRunsInline) {
+  ThreadPool pool(4);
+  NestedJob job{&pool, {}};
+  pool.run(&NestedJob::run_inner, &job, 4, 0);
+  for (std::uint64_t i = 0; i < 4; ++i) {
+    ASSERT_EQ(job.inner[i].calls.size(), 1u);
+    EXPECT_EQ(job.inner[i].calls[0].count, 6u);
+    EXPECT_EQ(job.inner[i].calls[0].worker, i);
+    EXPECT_EQ(job.inner[i].calls[0].depth, 1u);
+  }
+  pool.shutdown();
+  pool.shutdown();
+  expect_one_inline_call(record_run(pool, 10, 0), 10);
+}
+
+// Every item of every job is marked with its job number; a run that returned
+// before all shares finished (or without ordering their writes) leaves an
+// old mark behind.
+struct MarkJob {
+  std::uint32_t tag = 0;
+  std::vector<std::uint32_t> marks = std::vector<std::uint32_t>(64, 0);
+
+  static void mark(void* ctx, std::uint64_t first, std::uint64_t count) {
+    auto* self = static_cast<MarkJob*>(ctx);
+    for (std::uint64_t i = first; i < first + count; ++i) self->marks[i] = self->tag;
+  }
+};
+
+void expect_back_to_back_jobs_complete(ThreadPool& pool, std::uint32_t jobs) {
+  MarkJob job;
+  for (job.tag = 1; job.tag <= jobs; ++job.tag) {
+    const std::uint64_t n = job.tag % job.marks.size() + 1;
+    pool.run(&MarkJob::mark, &job, n, job.tag % 3);
+    const auto stale = std::find_if(job.marks.begin(), job.marks.begin() + static_cast<std::ptrdiff_t>(n),
+                                    [&](std::uint32_t mark) { return mark != job.tag; });
+    ASSERT_EQ(stale - job.marks.begin(), static_cast<std::ptrdiff_t>(n)) << "job " << job.tag;
+  }
+}
+
+// A pool with more threads than free cores waits a scheduler time slice per
+// job, so the long run uses two threads.
+TEST(ThreadPoolTest, ManyBackToBackTinyJobsAllComplete) {
+  ThreadPool two(2);
+  expect_back_to_back_jobs_complete(two, 100000);
+  ThreadPool four(4);
+  expect_back_to_back_jobs_complete(four, 100);
+}
+
+// Takes eleven seconds: the workers must have parked, and both a dispatch
+// and a shutdown must still reach them.
+TEST(ThreadPoolSlowTest, DispatchAndShutdownReachParkedWorkers) {
+  ThreadPool dispatched(2);
+  std::optional<ThreadPool> shut_down(std::in_place, 2);
+  MarkJob job;
+  job.tag = 1;
+  dispatched.run(&MarkJob::mark, &job, 64, 0);
+  shut_down->run(&MarkJob::mark, &job, 64, 0);
+
+  std::this_thread::sleep_for(std::chrono::seconds(11));
+  job.tag = 2;
+  dispatched.run(&MarkJob::mark, &job, 64, 0);
+  EXPECT_EQ(std::count(job.marks.begin(), job.marks.end(), 2u), 64);
+  shut_down.reset();
+}
+
+TEST(ThreadPoolTest, ProcessPoolKeepsTheCountRequestedDuringStaticInitialisation) {
+  ASSERT_TRUE(kThreadsRequested);
+  EXPECT_EQ(thread_count(), 3u);
+  EXPECT_EQ(ThreadPool::instance().threads(), 3u);
+  set_thread_count(5);  // too late: the pool exists
+  EXPECT_EQ(thread_count(), 3u);
+
+  std::vector<std::uint64_t> squares(10, 0);
+  auto body = [&](std::uint64_t first, std::uint64_t count) {
+    for (std::uint64_t i = first; i < first + count; ++i) squares[i] = i * i;
+  };
+  parallel_for(squares.size(), 0, body);
+  for (std::uint64_t i = 0; i < squares.size(); ++i) EXPECT_EQ(squares[i], i * i);
+}
+
+}  // namespace
+}  // namespace quorvel
