@@ -33,6 +33,12 @@ struct SamplingWorkspace {
 
 // Samples a token id below vocab_size. `logits` (vocab_size floats) is
 // scaled and penalised in place. `history` holds history_len ids, oldest first.
+// A temperature below 1e-5 decodes greedily: the lowest index of the largest
+// logit, with `logits` untouched and the generator not advanced. Otherwise
+// one draw is made from this thread's generator, except when no candidate
+// survives the scan (top_k 0, or only one-token ranges), where the largest
+// scaled and penalised logit is returned without drawing. Runs the
+// vocabulary scan on the worker pool, or inline when called from a pool job.
 std::uint64_t sample(float* logits, std::uint64_t vocab_size, const SamplingWorkspace& workspace,
                      const std::int64_t* history, std::uint64_t history_len, const SamplingParams& params);
 
