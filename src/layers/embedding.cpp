@@ -1,0 +1,209 @@
+#include "layers/embedding.h"
+
+#include <stdexcept>
+
+#include "layers/dispatch.h"
+#include "runtime/formats/i8_matrix.h"
+#include "runtime/formats/q4_0.h"
+#include "runtime/formats/q5_0.h"
+#include "runtime/formats/q6_k.h"
+#include "runtime/formats/q8_0.h"
+#include "runtime/formats/unembed_layout.h"
+#include "runtime/kernel_base.h"
+#include "runtime/thread_pool.h"
+
+namespace quorvel::layers {
+namespace {
+
+using kernels::KernelBase;
+constexpr std::uint64_t kGroupRows = formats::kUnembedGroupRows;
+// Fewer tokens than this are copied on the calling thread: a dispatch would
+// cost more than the copies.
+constexpr std::uint64_t kParallelEmbedTokens = 256;
+// With this many workers the pool is better kept for the logits; below it
+// the single-row quantization goes through the pool as a one-unit job.
+constexpr std::uint64_t kInlineQuantizeWorkers = 4;
+
+std::uint64_t round_up(std::uint64_t value, std::uint64_t multiple) {
+  return (value + multiple - 1) / multiple * multiple;
+}
+
+// An unembed format made of fixed-size blocks.
+struct BlockFormat {
+  QuantFormat format;
+  std::uint64_t block_values;
+  std::uint64_t block_bytes;
+  void (KernelBase::*quantize)(const bf16* x, std::size_t rows, std::size_t cols, void* out) const;
+  void (KernelBase::*logits)(const void* w, const std::int8_t* x, float x_scale, float* out, std::size_t rows,
+                             std::size_t k) const;
+};
+
+constexpr BlockFormat kBlockFormats[] = {
+    {QuantFormat::Q4_0, formats::kQ4_0BlockValues, sizeof(formats::BlockQ4_0), &KernelBase::quantize_rows_q4_0,
+     &KernelBase::gemv_q4_0_f32},
+    {QuantFormat::Q5_0, formats::kQ5_0BlockValues, sizeof(formats::BlockQ5_0), &KernelBase::quantize_rows_q5_0,
+     &KernelBase::gemv_q5_0_f32},
+    {QuantFormat::Q6_K, formats::kQ6_KBlockValues, sizeof(formats::BlockQ6_K), &KernelBase::quantize_rows_q6_k,
+     &KernelBase::gemv_q6_k_f32},
+    {QuantFormat::Q8_0, formats::kQ8_0BlockValues, sizeof(formats::BlockQ8_0), &KernelBase::quantize_rows_q8_0,
+     &KernelBase::gemv_q8_0_f32},
+};
+
+const BlockFormat* find_block_format(QuantFormat format) {
+  for (const BlockFormat& candidate : kBlockFormats) {
+    if (candidate.format == format) return &candidate;
+  }
+  return nullptr;
+}
+
+// The int8 table is tiled by 32 columns; a width that is not a multiple of
+// 32 is padded with zero codes, which add nothing to a logit.
+std::uint64_t code_columns(QuantFormat format, std::uint64_t embedding_dim) {
+  return format == QuantFormat::INT8 ? round_up(embedding_dim, formats::kI8Tile) : embedding_dim;
+}
+
+template <typename T>
+AlignedPtr<T> allocate_zeroed(std::uint64_t count) {
+  AlignedPtr<T> buffer = allocate_aligned_elements<T>(count);
+  kernels::kernels().fill_bytes(buffer.get(), 0, checked_bytes(count, sizeof(T)));
+  return buffer;
+}
+
+}  // namespace
+
+EmbeddingBase::EmbeddingBase(std::uint64_t vocab_size, std::uint64_t embedding_dim, bool tied,
+                             std::uint64_t code_columns)
+    : vocab_size_(vocab_size),
+      padded_vocab_(round_up(vocab_size, kGroupRows)),
+      embedding_dim_(embedding_dim),
+      tied_(tied),
+      hidden_codes_(allocate_zeroed<std::int8_t>(code_columns)) {}
+
+PayloadText EmbeddingBase::table_text(const std::string& format, const std::string& table) {
+  return {"Could not read " + format + " " + table + ": read_bytes (", "Failed to read " + format + " " + table};
+}
+
+void EmbeddingBase::check_ids(const std::uint64_t* tokens, std::uint64_t n) const {
+  for (std::uint64_t t = 0; t < n; ++t) {
+    if (tokens[t] >= vocab_size_) {
+      throw std::runtime_error("Token ID " + std::to_string(tokens[t]) +
+                               " out of range (vocab_size=" + std::to_string(vocab_size_) + ")");
+    }
+  }
+}
+
+bf16* EmbeddingBase::embed(const std::uint64_t* tokens, std::uint64_t n, bf16* out) const {
+  check_ids(tokens, n);
+  auto rows = [&](std::uint64_t first, std::uint64_t count) {
+    for (std::uint64_t t = first; t < first + count; ++t) embed_row(tokens[t], out + t * embedding_dim_);
+  };
+  if (n < kParallelEmbedTokens) {
+    rows(0, n);
+  } else {
+    run_static(n, rows);
+  }
+  return out;
+}
+
+void EmbeddingBase::quantize_hidden(const bf16* row) {
+  auto quantize = [&](std::uint64_t, std::uint64_t) {
+    kernels::kernels().quantize_rows_i8(row, hidden_codes_.get(), &hidden_scale_, 1, embedding_dim_);
+  };
+  if (thread_count() >= kInlineQuantizeWorkers || current_depth() != 0) {
+    quantize(0, 1);
+  } else {
+    parallel_for(1, 0, quantize);
+  }
+}
+
+std::uint64_t EmbeddingBase::unembed(const bf16* hidden, std::uint64_t n, float* logits,
+                                     const SamplingWorkspace& workspace, const std::int64_t* history,
+                                     std::uint64_t history_len, const SamplingParams& params) {
+  if (n == 0) throw std::invalid_argument("unembed needs at least one hidden row");
+  quantize_hidden(hidden + (n - 1) * embedding_dim_);
+  compute_logits(hidden_codes_.get(), hidden_scale_, logits);
+  return sample(logits, vocab_size_, workspace, history, history_len, params);
+}
+
+Embedding::Embedding(std::istream& stream, std::uint64_t vocab_size, std::uint64_t embedding_dim, bool tied,
+                     QuantFormat unembed_format)
+    : EmbeddingBase(vocab_size, embedding_dim, tied, code_columns(unembed_format, embedding_dim)),
+      unembed_format_(unembed_format) {
+  if (unembed_format == QuantFormat::NONE || unembed_format == QuantFormat::TERNARY) {
+    throw std::runtime_error("Unembed format does not support NONE or TERNARY");
+  }
+  const std::uint64_t values = checked_bytes(vocab_size, embedding_dim);
+  embed_tokens_ = read_table<bf16>(stream, values, table_text("BF16", "embed_tokens"));
+  AlignedPtr<bf16> lm_head;
+  if (!tied) lm_head = read_table<bf16>(stream, values, table_text("BF16", "lm_head"));
+  const bf16* source = tied ? embed_tokens_.get() : lm_head.get();
+  if (unembed_format == QuantFormat::INT8) {
+    build_i8_table(source);
+  } else if (find_block_format(unembed_format) != nullptr) {
+    build_block_table(source);
+  }
+  // Any other code builds no table; unembed refuses it.
+}
+
+void Embedding::build_i8_table(const bf16* source) {
+  const std::uint64_t columns = code_columns(QuantFormat::INT8, embedding_dim());
+  output_row_bytes_ = columns;
+  output_scales_ = allocate_zeroed<float>(padded_vocab());
+  output_table_ = allocate_zeroed<std::uint8_t>(checked_bytes(padded_vocab(), columns));
+  const AlignedPtr<std::int8_t> plain = allocate_zeroed<std::int8_t>(checked_bytes(vocab_size(), columns));
+  auto rows = [&](std::uint64_t first, std::uint64_t count) {
+    for (std::uint64_t r = first; r < first + count; ++r) {
+      kernels::kernels().quantize_rows_i8(source + r * embedding_dim(), plain.get() + r * columns,
+                                          output_scales_.get() + r, 1, embedding_dim());
+    }
+  };
+  run_static(vocab_size(), rows);
+  formats::tile_i8_for_unembed(plain.get(), vocab_size(), columns,
+                               reinterpret_cast<std::int8_t*>(output_table_.get()));
+}
+
+void Embedding::build_block_table(const bf16* source) {
+  const BlockFormat& format = *find_block_format(unembed_format_);
+  const std::uint64_t blocks_per_row = (embedding_dim() + format.block_values - 1) / format.block_values;
+  output_row_bytes_ = blocks_per_row * format.block_bytes;
+  output_table_ = allocate_zeroed<std::uint8_t>(checked_bytes(padded_vocab(), output_row_bytes_));
+  // Zeroed because a quantizer may leave the codes of an all-zero block as
+  // they were.
+  const AlignedPtr<std::uint8_t> plain = allocate_zeroed<std::uint8_t>(checked_bytes(vocab_size(), output_row_bytes_));
+  auto rows = [&](std::uint64_t first, std::uint64_t count) {
+    (kernels::kernels().*format.quantize)(source + first * embedding_dim(), count, embedding_dim(),
+                                          plain.get() + first * output_row_bytes_);
+  };
+  run_static(vocab_size(), rows);
+  formats::group_blocks_for_unembed(plain.get(), vocab_size(), blocks_per_row, format.block_bytes,
+                                    output_table_.get());
+}
+
+void Embedding::embed_row(std::uint64_t id, bf16* out) const {
+  kernels::kernels().copy_bytes(out, embed_tokens_.get() + id * embedding_dim(), embedding_dim() * sizeof(bf16));
+}
+
+void Embedding::compute_logits(const std::int8_t* codes, float scale, float* logits) const {
+  const auto& k = kernels::kernels();
+  const std::uint64_t groups = padded_vocab() / kGroupRows;
+  if (unembed_format_ == QuantFormat::INT8) {
+    const auto* table = reinterpret_cast<const std::int8_t*>(output_table_.get());
+    auto i8_groups = [&](std::uint64_t first, std::uint64_t count) {
+      const std::uint64_t row = first * kGroupRows;
+      k.gemv_i8_f32(table + row * output_row_bytes_, output_scales_.get() + row, codes, scale, logits + row,
+                    count * kGroupRows, output_row_bytes_);
+    };
+    run_static(groups, i8_groups);
+    return;
+  }
+  const BlockFormat* format = find_block_format(unembed_format_);
+  if (format == nullptr) throw std::runtime_error("Unsupported unembed quant format in unembed");
+  auto block_groups = [&](std::uint64_t first, std::uint64_t count) {
+    const std::uint64_t row = first * kGroupRows;
+    (k.*format->logits)(output_table_.get() + row * output_row_bytes_, codes, scale, logits + row,
+                        count * kGroupRows, embedding_dim());
+  };
+  run_static(groups, block_groups);
+}
+
+}  // namespace quorvel::layers

@@ -1,0 +1,47 @@
+#include "layers/embedding_q1.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+
+#include "layers/dispatch.h"
+#include "runtime/formats/unembed_layout.h"
+
+namespace quorvel::layers {
+
+template <typename Tables>
+EmbeddingQ1<Tables>::EmbeddingQ1(std::istream& stream, std::uint64_t vocab_size, std::uint64_t embedding_dim,
+                                 bool tied)
+    : EmbeddingBase(vocab_size, embedding_dim, tied, embedding_dim) {
+  if (embedding_dim % 128 != 0) {
+    throw std::runtime_error(std::string(Tables::kClassName) + " embedding_dim must be a multiple of 128, got " +
+                             std::to_string(embedding_dim));
+  }
+  const std::uint64_t blocks = checked_bytes(vocab_size, blocks_per_row());
+  embed_tokens_ = read_table<Block>(stream, blocks, table_text(Tables::kFormatName, "embed_tokens"));
+  if (!tied) own_lm_head_ = read_table<Block>(stream, blocks, table_text(Tables::kFormatName, "lm_head"));
+  lm_head_ = tied ? embed_tokens_.get() : own_lm_head_.get();
+}
+
+template <typename Tables>
+void EmbeddingQ1<Tables>::embed_row(std::uint64_t id, bf16* out) const {
+  (kernels::kernels().*Tables::kDequantize)(embed_tokens_.get() + id * blocks_per_row(), embedding_dim(), out);
+}
+
+// The table has exactly vocab_size rows, so the last group of 32 is cut short.
+template <typename Tables>
+void EmbeddingQ1<Tables>::compute_logits(const std::int8_t* codes, float scale, float* logits) const {
+  constexpr std::uint64_t kGroupRows = formats::kUnembedGroupRows;
+  auto groups = [&](std::uint64_t first, std::uint64_t count) {
+    const std::uint64_t row = first * kGroupRows;
+    const std::uint64_t rows = std::min(count * kGroupRows, vocab_size() - row);
+    (kernels::kernels().*Tables::kLogits)(lm_head_ + row * blocks_per_row(), codes, scale, logits + row, rows,
+                                          embedding_dim());
+  };
+  run_static(padded_vocab() / kGroupRows, groups);
+}
+
+template class EmbeddingQ1<Q1_0Tables>;
+template class EmbeddingQ1<Q1_58Tables>;
+
+}  // namespace quorvel::layers

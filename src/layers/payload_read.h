@@ -1,0 +1,43 @@
+// Reading a layer's payload from the model tensor stream.
+//
+// Every object reads its own bytes, in file order, straight from the open
+// stream. A short read is fatal for the model: the reader writes the
+// short-read report to standard error (so that the user sees how far the file
+// got) and throws the item's own message.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+#include "runtime/aligned_buffer.h"
+
+namespace quorvel::layers {
+
+// The two texts of one payload item.
+struct PayloadText {
+  std::string prefix;   // report prefix, e.g. "Could not read in bias: read_bytes ("
+  std::string failure;  // exception message, e.g. "Failed to read linear bias"
+};
+
+// Writes the report for a read that delivered `count` of `expected` units,
+// then throws std::runtime_error(text.failure).
+[[noreturn]] void fail_short_read(std::istream& in, const PayloadText& text, std::uint64_t count,
+                                  std::uint64_t expected);
+
+// Reads exactly `bytes` bytes into `dst`. On a short read the report counts
+// in units of `unit` bytes (bytes by default; the RoPE tables count floats).
+void read_payload(std::istream& in, void* dst, std::uint64_t bytes, const PayloadText& text,
+                  std::uint64_t unit = 1);
+
+// Allocates a 128-byte aligned buffer of `count` elements of T and fills it
+// from the stream; a short read releases the buffer before the throw.
+template <typename T>
+AlignedPtr<T> read_table(std::istream& in, std::uint64_t count, const PayloadText& text,
+                         std::uint64_t unit = 1) {
+  AlignedPtr<T> table = allocate_aligned_elements<T>(count);
+  read_payload(in, table.get(), checked_bytes(count, sizeof(T)), text, unit);
+  return table;
+}
+
+}  // namespace quorvel::layers
