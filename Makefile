@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all build test test-sanitize test-tsan bench clean
+.PHONY: all build test test-sanitize test-tsan bench demo clean
 
 all: build
 
@@ -38,6 +38,16 @@ generate: $(BUILD)/build.ninja
 	@test -n "$(MODEL_DIR)" || { echo "Usage: make generate MODEL_DIR=<path>" >&2; exit 1; }
 	cmake --build $(BUILD) -j $(JOBS) --target quorvel-make-rope
 	$(BUILD)/tools/quorvel-make-rope "$(MODEL_DIR)"
+
+# Builds in Release, writes a small 1-bit demo model (once) and holds a
+# two-request conversation with the engine, printing tokens and speeds.
+DEMO_MODEL ?= build-release/demo-model
+demo:
+	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON -DQUORVEL_TESTS=OFF
+	cmake --build build-release -j $(JOBS) --target quorvel-inference quorvel-make-model quorvel-demo
+	test -f $(DEMO_MODEL)/qmodel.tensors || ./build-release/tools/quorvel-make-model $(DEMO_MODEL) --arch 4 \
+	  --hidden 512 --intermediate 1536 --layers 6 --heads 4 --kv-heads 2 --head-dim 128 --vocab 4096 --max-pos 1024
+	./build-release/tools/host/quorvel-demo ./build-release/quorvel-inference $(DEMO_MODEL)
 
 clean:
 	rm -rf build build-asan build-tsan build-release

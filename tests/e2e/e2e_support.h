@@ -1,0 +1,92 @@
+// End-to-end support: synthetic model directories written by the model tool
+// and the real engine binary run on them as a child process.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/host/engine_process.h"
+#include "tools/lib/tool_commands.h"
+
+namespace quorvel::e2e {
+
+namespace fs = std::filesystem;
+using host::ProcessResult;
+
+// A fresh directory under the system's temporary folder, removed with the object.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "quorvel-e2e-XXXXXX").string();
+    path_ = mkdtemp(pattern.data());
+  }
+  ~TempDir() { fs::remove_all(path_); }
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+// Writes a model directory with quorvel-make-model's options.
+inline void make_model(const fs::path& dir, std::vector<std::string> options) {
+  std::vector<std::string_view> args{dir.native()};
+  for (const auto& o : options) args.push_back(o);
+  std::ostringstream err;
+  ASSERT_EQ(tools::run_make_model(args, err), 0) << err.str();
+}
+
+// The init block of a model directory with some keys replaced or added.
+inline std::string init_block(const fs::path& dir, const std::map<std::string, std::string>& overrides = {}) {
+  std::ifstream in(dir / "init.txt");
+  std::string line;
+  std::getline(in, line);  // the count line
+  std::map<std::string, std::string> entries;
+  std::vector<std::string> order;
+  while (std::getline(in, line)) {
+    const auto eq = line.find('=');
+    const std::string key = line.substr(0, eq);
+    if (!entries.count(key)) order.push_back(key);
+    entries[key] = line.substr(eq + 1);
+  }
+  for (const auto& [key, value] : overrides) {
+    if (!entries.count(key)) order.push_back(key);
+    entries[key] = value;
+  }
+  std::string block = std::to_string(order.size()) + "\n";
+  for (const auto& key : order) block += key + "=" + entries[key] + "\n";
+  return block;
+}
+
+// A request block from key=value pairs.
+inline std::string request(const std::vector<std::string>& lines) {
+  std::string block = std::to_string(lines.size()) + "\n";
+  for (const auto& l : lines) block += l + "\n";
+  return block;
+}
+
+inline ProcessResult run_engine(const std::vector<std::string>& args, const std::string& input) {
+  std::vector<std::string> argv{QUORVEL_ENGINE_BINARY};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return host::run_process(argv, input);
+}
+
+inline ProcessResult run_engine(const fs::path& dir, const std::string& input) {
+  return run_engine(std::vector<std::string>{dir.string()}, input);
+}
+
+inline std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+}  // namespace quorvel::e2e

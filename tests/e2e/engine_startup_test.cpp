@@ -1,0 +1,116 @@
+// Every way the engine refuses to start: its exact message and exit status.
+#include <csignal>
+
+#include "e2e_support.h"
+
+namespace quorvel::e2e {
+namespace {
+
+class Startup : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    root_ = new TempDir;
+    make_model(model(), {"--arch", "1", "--hidden", "256", "--intermediate", "512", "--layers", "2", "--heads",
+                         "2", "--kv-heads", "1", "--head-dim", "128", "--vocab", "300", "--max-pos", "32"});
+  }
+  static void TearDownTestSuite() { delete root_; }
+  static fs::path model() { return root_->path() / "model"; }
+
+  // A copy of the model directory whose file `name` is rewritten by `edit`.
+  template <typename Edit>
+  fs::path edited_copy(const std::string& name, Edit edit) {
+    const fs::path dir = root_->path() / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    fs::create_directories(dir);
+    for (const char* file : {"qmodel.tensors", "rope.cache", "init.txt"}) {
+      fs::copy_file(model() / file, dir / file, fs::copy_options::overwrite_existing);
+    }
+    std::ifstream in(dir / name, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(in)), {});
+    in.close();
+    edit(bytes);
+    std::ofstream(dir / name, std::ios::binary | std::ios::trunc) << bytes;
+    return dir;
+  }
+
+  static void expect_refused(const ProcessResult& result, const std::string& message) {
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_EQ(result.err, message + "\n");
+    EXPECT_EQ(result.out, "");
+  }
+
+  static TempDir* root_;
+};
+TempDir* Startup::root_ = nullptr;
+
+TEST_F(Startup, WrongArgumentCountPrintsTheUsage) {
+  expect_refused(run_engine(std::vector<std::string>{}, ""),
+                 std::string("Usage: ") + QUORVEL_ENGINE_BINARY + " <Model Directory>");
+  expect_refused(run_engine({model().string(), "extra"}, ""),
+                 std::string("Usage: ") + QUORVEL_ENGINE_BINARY + " <Model Directory>");
+}
+
+TEST_F(Startup, InitConfigFailures) {
+  expect_refused(run_engine(model(), "1\nhidden_dim=256\n"),
+                 "Error parsing init config: Init config missing required key 'arch_type'");
+  expect_refused(run_engine(model(), ""), "Error parsing init config: Failed to read init config block");
+  expect_refused(run_engine(model(), init_block(model(), {{"unembed_quant", "BF16"}})),
+                 "Error: unembed_quant does not support 'none' or 'ternary'");
+  expect_refused(run_engine(model(), init_block(model(), {{"lora_quant", "ternary"}})),
+                 "Error parsing init config: Unknown value for lora_quant: ternary");
+}
+
+TEST_F(Startup, MissingFilesNameTheQuotedDirectory) {
+  expect_refused(run_engine(root_->path() / "no \"such\" dir", init_block(model())),
+                 "Error: Could not open model files in \"" + (root_->path() / "no \\\"such\\\" dir").string() +
+                     "\"");
+}
+
+TEST_F(Startup, HeaderChecks) {
+  expect_refused(run_engine(edited_copy("qmodel.tensors", [](std::string& b) { b[0] = 'X'; }), init_block(model())),
+                 "Invalid model file! Download the correct model file.");
+  expect_refused(run_engine(edited_copy("qmodel.tensors", [](std::string& b) { b[4] = 5; }), init_block(model())),
+                 "Model file version 5, engine expects version 3 or 4. Download the correct model file or update "
+                 "your engine.");
+  expect_refused(run_engine(model(), init_block(model(), {{"arch_type", "2"}})),
+                 "Model file architecture 1, engine expects 2. Download the correct model file or use the right "
+                 "tensorfile.");
+  expect_refused(run_engine(edited_copy("rope.cache", [](std::string& b) { b[4] = 3; }), init_block(model())),
+                 "RoPE cache version 3, engine expects version 4. Re-run: make generate MODEL_DIR=<path>.");
+  expect_refused(run_engine(edited_copy("rope.cache", [](std::string& b) { b.resize(7); }), init_block(model())),
+                 "Invalid RoPE cache file. Re-run: make generate MODEL_DIR=<path>.");
+}
+
+TEST_F(Startup, Qwen3_5SectionsAreRefusedOnlyForCode3) {
+  const std::vector<std::string> small = {"--hidden", "128", "--intermediate", "128", "--layers", "1",
+                                          "--heads", "1", "--kv-heads", "1", "--head-dim", "128",
+                                          "--vocab", "64", "--max-pos", "8"};
+  auto with = [&](const std::string& name, int arch, std::vector<std::string> sections) {
+    const fs::path dir = root_->path() / name;
+    std::vector<std::string> options = small;
+    options.insert(options.end(), {"--arch", std::to_string(arch)});
+    for (const auto& kind : sections) options.insert(options.end(), {"--section", kind});
+    make_model(dir, options);
+    return run_engine(dir, init_block(dir));
+  };
+  expect_refused(with("visual", 3, {"3", "2"}),
+                 "Error: Qwen3.5 visual sections are present in qmodel.tensors, but multimodal runtime support is "
+                 "not implemented yet.");
+  expect_refused(with("mtp", 3, {"1", "3"}),
+                 "Error: Qwen3.5 MTP sections are present in qmodel.tensors, but MTP runtime support is not "
+                 "implemented yet.");
+  const ProcessResult llama = with("llama", 2, {"2", "3"});
+  EXPECT_EQ(llama.exit_status, 0) << llama.err;
+  const ProcessResult plain = with("plain", 3, {"4", "5", "6"});
+  EXPECT_EQ(plain.exit_status, 0) << plain.err;
+}
+
+TEST_F(Startup, AFileCutInsideTheLastLayerEndsAbnormallyWithTheReadersMessage) {
+  const fs::path dir = edited_copy("qmodel.tensors", [](std::string& b) { b.resize(b.size() - 10); });
+  const ProcessResult result = run_engine(dir, init_block(model()));
+  EXPECT_EQ(result.signal, SIGABRT);
+  EXPECT_NE(result.err.find("Could not read in Bit Linear: read_bytes ("), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find("Failed to read BitLinear weights"), std::string::npos) << result.err;
+}
+
+}  // namespace
+}  // namespace quorvel::e2e

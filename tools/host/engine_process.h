@@ -1,0 +1,61 @@
+// Runs the engine binary the way a host does: a child process fed blocks on
+// its standard input, token lines read back from its standard output.
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace quorvel::host {
+
+struct ProcessResult {
+  std::string out;
+  std::string err;
+  int exit_status = -1;  // valid when the process exited normally
+  int signal = 0;        // the terminating signal, 0 when it exited
+};
+
+// Runs `argv` with `input` on standard input until it ends and collects both
+// output streams.
+ProcessResult run_process(const std::vector<std::string>& argv, const std::string& input);
+
+// A running engine with pipes on standard input and output; standard error
+// goes to the given file (or is inherited when empty).
+class EngineSession {
+ public:
+  EngineSession(const std::vector<std::string>& argv, const std::string& stderr_path = "");
+  ~EngineSession();
+  EngineSession(const EngineSession&) = delete;
+  EngineSession& operator=(const EngineSession&) = delete;
+
+  void send(const std::string& text);
+  // The next output line without its line feed; nullopt at end of output.
+  std::optional<std::string> read_line();
+  // Closes standard input and waits; returns the exit status (or 128 + signal).
+  int finish();
+
+ private:
+  pid_t pid_ = -1;
+  std::FILE* to_engine_ = nullptr;
+  std::FILE* from_engine_ = nullptr;
+};
+
+// One answered request as a host sees it: every line with its arrival time.
+struct TimedAnswer {
+  std::vector<std::string> lines;  // token ids, then the position line
+  std::chrono::steady_clock::time_point sent;
+  std::vector<std::chrono::steady_clock::time_point> arrivals;
+};
+
+// Sends one request block and reads its answer: lines up to an
+// end-of-sequence id (one of `eos_ids`), then the position line.
+TimedAnswer ask(EngineSession& session, const std::string& block, const std::vector<long long>& eos_ids);
+
+// Sends one request block and reads exactly `lines` lines, for runs whose
+// length is fixed by max_tokens and that configure no end-of-sequence id.
+TimedAnswer ask_lines(EngineSession& session, const std::string& block, std::size_t lines);
+
+}  // namespace quorvel::host
