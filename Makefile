@@ -29,8 +29,9 @@ test-tsan:
 BENCH_ARGS ?= --benchmark_min_time=0.1
 bench:
 	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON -DQUORVEL_TESTS=OFF
-	cmake --build build-release -j $(JOBS) --target kernels_bench
+	cmake --build build-release -j $(JOBS) --target kernels_bench quorvel-inference quorvel-bench
 	./build-release/bench/kernels_bench $(BENCH_ARGS)
+	./build-release/tools/host/quorvel-bench ./build-release/quorvel-inference build-release/bench-models
 
 # Writes MODEL_DIR/rope.cache from MODEL_DIR/init.txt with the tools' RoPE writer.
 .PHONY: generate
