@@ -97,9 +97,12 @@ void AutoLinear::add_bias_to_row(bf16* row) const {
   parallel_for(out_shape_, 0, elements);
 }
 
-// Step 3 of forward, the low-rank correction out += x_lora * A * B. It runs
-// only on layers that load_lora has given an adapter; no layer has one
-// before that, so the correction is empty.
+// Step 3 of forward: the low-rank correction out += x_lora * A * B, added
+// to the product and bias already in `out`, for layers that carry an adapter
+// and callers that pass input rows. Adapters are not read yet: load_lora
+// (this layer's record of the LoRA adapter file, which sets has_lora_) and
+// the per-format side products dispatched here over the n tokens (lora_bf16,
+// lora_i8, lora_q*) are still to be written, so no layer has one.
 void AutoLinear::apply_lora(const bf16* x_lora, [[maybe_unused]] std::uint64_t n,
                             [[maybe_unused]] bf16* out) const {
   if (!has_lora_ || x_lora == nullptr) return;
