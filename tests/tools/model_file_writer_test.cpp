@@ -1,0 +1,279 @@
+// The synthetic model file: its header and section table byte for byte, and
+// a payload whose size matches what each architecture's loader reads,
+// computed here from the shapes alone.
+#include "tools/lib/model_file_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+#include <tuple>
+#include <utility>
+
+#include "io/model_header.h"
+#include "tools/tool_test_files.h"
+
+namespace quorvel::tools {
+namespace {
+
+using testing::read_file;
+using testing::TempDir;
+using testing::value_at;
+
+// Distinct widths, so that a tensor written with the wrong one changes the size.
+InitConfig small_config(std::int32_t arch) {
+  InitConfig config;
+  config.arch_type = arch;
+  config.hidden_dim = 256;
+  config.intermediate_dim = 384;
+  config.num_layers = 2;
+  config.num_heads = 2;
+  config.num_kv_heads = 1;
+  config.head_dim = 128;
+  config.vocab_size = 37;
+  return config;
+}
+
+// Bytes of one projection: the weights in the architecture's format, then the bias.
+std::uint64_t linear_bytes(std::int32_t arch, std::uint64_t in, std::uint64_t out, bool bias) {
+  const std::uint64_t bias_bytes = bias ? out * 2 : 0;
+  switch (arch) {
+    case 4:
+      return out * (in / 128) * 18 + bias_bytes;
+    case 5:
+      return out * (in / 128) * 34 + bias_bytes;
+    case 6:
+      return in * out * 2 + bias_bytes;
+    default:
+      return 8 + in * out / 4 + bias_bytes;
+  }
+}
+
+std::uint64_t table_bytes(const InitConfig& c) {
+  const std::uint64_t rows = c.vocab_size;
+  if (c.arch_type == 4) return rows * (c.hidden_dim / 128) * 18;
+  if (c.arch_type == 5) return rows * (c.hidden_dim / 128) * 34;
+  return rows * c.hidden_dim * 2;
+}
+
+std::uint64_t layer_bytes(const InitConfig& c) {
+  const std::int32_t a = c.arch_type;
+  const std::uint64_t d = c.hidden_dim, i = c.intermediate_dim, hd = c.num_heads * c.head_dim;
+  const std::uint64_t kv = 2 * linear_bytes(a, d, c.num_kv_heads * c.head_dim, c.has_qkv_bias);
+  const std::uint64_t attention = kv + linear_bytes(a, d, hd, c.has_qkv_bias) + linear_bytes(a, hd, d, false);
+  const std::uint64_t ffn = 2 * linear_bytes(a, d, i, false) + linear_bytes(a, i, d, false);
+  const std::uint64_t two_norms_d = 2 * d * 2;
+  if (a == 1) return two_norms_d + hd * 2 + i * 2 + attention + ffn;
+  if (a == 2 || a == 3) return two_norms_d + attention + ffn;
+  return two_norms_d + 2 * c.head_dim * 2 + attention + ffn;
+}
+
+std::uint64_t expected_file_size(const InitConfig& c, std::uint64_t header_bytes) {
+  const std::uint64_t tables = (c.tie_word_embeddings ? 1 : 2) * table_bytes(c);
+  return header_bytes + tables + c.hidden_dim * 2 + c.num_layers * layer_bytes(c);
+}
+
+// The engine's own header check passes and leaves the stream where the
+// weights begin.
+void expect_engine_accepts(const std::filesystem::path& path, std::int32_t arch, std::streamoff payload_start) {
+  std::ifstream in(path, std::ios::binary);
+  ModelFileInfo info;
+  ASSERT_TRUE(check_model_header(in, arch, &info));
+  EXPECT_EQ(in.tellg(), payload_start);
+  EXPECT_EQ(info.arch, arch);
+}
+
+class ModelFileSize : public ::testing::TestWithParam<std::tuple<std::int32_t, bool, bool>> {};
+
+TEST_P(ModelFileSize, MatchesTheLoadersReadsInBothVersions) {
+  const auto [arch, tied, bias] = GetParam();
+  InitConfig config = small_config(arch);
+  config.tie_word_embeddings = tied;
+  config.has_qkv_bias = bias;
+  TempDir dir;
+  const auto v3 = dir.path() / "v3.tensors";
+  const auto v4 = dir.path() / "v4.tensors";
+  write_model_file(v3, config, {.version = 3, .sections = {}, .seed = 5});
+  write_model_file(v4, config, {.version = 4, .sections = {{1, 0}, {3, 9}}, .seed = 5});
+  EXPECT_EQ(std::filesystem::file_size(v3), expected_file_size(config, 16));
+  EXPECT_EQ(std::filesystem::file_size(v4), expected_file_size(config, 16 + 2 * 5));
+  expect_engine_accepts(v3, arch, 16);
+  expect_engine_accepts(v4, arch, 26);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryArchitecture, ModelFileSize,
+                         ::testing::Combine(::testing::Range(1, 7), ::testing::Bool(), ::testing::Bool()));
+
+// Walks a file in the read order of the loaders, written out here per
+// architecture, and checks that each item looks like what the loader expects
+// there: norms near 1, positive scales of modest size, bounded weights and
+// biases. A tensor written out of order lands where another kind is expected.
+class PayloadWalk {
+ public:
+  PayloadWalk(const InitConfig& config, std::vector<std::uint8_t> bytes, std::size_t start)
+      : c_(config), bytes_(std::move(bytes)), at_(start) {}
+
+  void skip(std::uint64_t count) { at_ += count; }
+
+  void norm(std::uint64_t width) {
+    for (std::uint64_t i = 0; i < width; ++i) {
+      const float w = bf16_value(at_ + 2 * i);
+      ASSERT_TRUE(w >= 0.89f && w <= 1.11f) << "norm weight " << w << " at byte " << at_ + 2 * i;
+    }
+    at_ += width * 2;
+  }
+
+  void linear(std::uint64_t in, std::uint64_t out, bool bias) {
+    if (c_.arch_type <= 3) {
+      const double gamma = value_at<double>(bytes_, at_);
+      ASSERT_TRUE(gamma > 0.0 && gamma < 2.0) << "gamma " << gamma << " at byte " << at_;
+      at_ += 8 + in * out / 4;
+    } else if (c_.arch_type <= 5) {
+      const std::uint64_t block = c_.arch_type == 4 ? 18 : 34;
+      for (std::uint64_t b = 0; b < out * in / 128; ++b) scale(at_ + b * block + block - 2);
+      at_ += out * in / 128 * block;
+    } else {
+      small_values(in * out, 1.5f);
+    }
+    if (bias) small_values(out, 0.11f);  // 0.1 itself rounds up in bf16
+  }
+
+  void layer() {
+    const std::uint64_t d = c_.hidden_dim, hd = c_.num_heads * c_.head_dim;
+    const bool b = c_.has_qkv_bias;
+    norm(d);
+    if (c_.arch_type == 1) norm(hd);
+    linear(d, c_.num_kv_heads * c_.head_dim, b);  // K
+    linear(d, c_.num_kv_heads * c_.head_dim, b);  // V
+    linear(d, hd, b);                             // Q
+    if (c_.arch_type >= 4) {
+      norm(c_.head_dim);
+      norm(c_.head_dim);
+    }
+    linear(hd, d, false);  // O
+    norm(d);
+    linear(d, c_.intermediate_dim, false);
+    linear(d, c_.intermediate_dim, false);
+    if (c_.arch_type == 1) norm(c_.intermediate_dim);
+    linear(c_.intermediate_dim, d, false);  // down
+  }
+
+  std::size_t position() const { return at_; }
+
+ private:
+  float bf16_value(std::size_t offset) const {
+    return std::bit_cast<float>(static_cast<std::uint32_t>(value_at<std::uint16_t>(bytes_, offset)) << 16);
+  }
+  void scale(std::size_t offset) const {
+    const float d = bf16_value(offset);
+    ASSERT_TRUE(d > 0.0f && d < 2.0f) << "block scale " << d << " at byte " << offset;
+  }
+  void small_values(std::uint64_t count, float bound) {
+    for (std::uint64_t i = 0; i < count; ++i) {
+      const float v = bf16_value(at_ + 2 * i);
+      ASSERT_TRUE(std::fabs(v) <= bound) << "value " << v << " at byte " << at_ + 2 * i;
+    }
+    at_ += count * 2;
+  }
+
+  const InitConfig& c_;
+  std::vector<std::uint8_t> bytes_;
+  std::size_t at_;
+};
+
+class ModelFileOrder : public ::testing::TestWithParam<std::int32_t> {};
+
+TEST_P(ModelFileOrder, EveryItemSitsWhereTheLoaderReadsIt) {
+  InitConfig config = small_config(GetParam());
+  config.num_heads = 4;  // widths: hidden 256, attention 512, K/V 128, FFN 384
+  config.has_qkv_bias = true;
+  TempDir dir;
+  write_model_file(dir.path() / "m", config, {.version = 3, .sections = {}, .seed = 2});
+  PayloadWalk walk(config, read_file(dir.path() / "m"), 16);
+  walk.skip(2 * table_bytes(config));
+  walk.norm(config.hidden_dim);
+  for (std::uint64_t i = 0; i < config.num_layers && !HasFatalFailure(); ++i) walk.layer();
+  EXPECT_EQ(walk.position(), std::filesystem::file_size(dir.path() / "m"));
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryArchitecture, ModelFileOrder, ::testing::Range(1, 7));
+
+TEST(ModelFileWriter, ZeroLayersHoldOnlyTablesAndFinalNorm) {
+  InitConfig config = small_config(2);
+  config.num_layers = 0;
+  TempDir dir;
+  write_model_file(dir.path() / "m", config, {});
+  EXPECT_EQ(std::filesystem::file_size(dir.path() / "m"), 16 + 2 * 37 * 256 * 2 + 256 * 2);
+}
+
+TEST(ModelFileWriter, Version4HeaderPacksTheSectionTable) {
+  TempDir dir;
+  write_model_file(dir.path() / "m", small_config(3), {.version = 4, .sections = {{2, 7}, {3, 0xDEADBEEF}}, .seed = 1});
+  const auto bytes = read_file(dir.path() / "m");
+  ASSERT_GE(bytes.size(), 26u);
+  EXPECT_EQ(std::memcmp(bytes.data(), "QVLM", 4), 0);
+  EXPECT_EQ(value_at<std::uint32_t>(bytes, 4), 4u);
+  EXPECT_EQ(value_at<std::int32_t>(bytes, 8), 3);
+  EXPECT_EQ(value_at<std::uint32_t>(bytes, 12), 2u);
+  EXPECT_EQ(bytes[16], 2);
+  EXPECT_EQ(value_at<std::uint32_t>(bytes, 17), 7u);
+  EXPECT_EQ(bytes[21], 3);
+  EXPECT_EQ(value_at<std::uint32_t>(bytes, 22), 0xDEADBEEFu);
+
+  std::ifstream in(dir.path() / "m", std::ios::binary);
+  ModelFileInfo info;
+  ASSERT_TRUE(check_model_header(in, 3, &info));
+  EXPECT_EQ(info.version, 4u);
+  EXPECT_EQ(info.section_count, 2u);
+  EXPECT_TRUE(info.has_section_2 && info.has_section_3);
+  EXPECT_FALSE(info.has_section_4 || info.has_section_5 || info.has_section_6);
+}
+
+// A version-3 reader takes 16 header bytes whatever the count word says, so
+// the count is kept (a reader must ignore it) but no table follows.
+TEST(ModelFileWriter, Version3KeepsTheCountWordWithoutATable) {
+  TempDir dir;
+  const InitConfig config = small_config(1);
+  write_model_file(dir.path() / "m", config, {.version = 3, .sections = {{2, 7}}, .seed = 1});
+  const auto bytes = read_file(dir.path() / "m");
+  EXPECT_EQ(value_at<std::uint32_t>(bytes, 4), 3u);
+  EXPECT_EQ(value_at<std::uint32_t>(bytes, 12), 1u);
+  EXPECT_EQ(bytes.size(), expected_file_size(config, 16));
+
+  std::ifstream in(dir.path() / "m", std::ios::binary);
+  ModelFileInfo info;
+  ASSERT_TRUE(check_model_header(in, 1, &info));
+  EXPECT_EQ(in.tellg(), 16);
+  EXPECT_EQ(info.version, 3u);
+  EXPECT_FALSE(info.has_section_2);
+}
+
+TEST(ModelFileWriter, TheSeedFixesEveryByte) {
+  TempDir dir;
+  const InitConfig config = small_config(5);
+  write_model_file(dir.path() / "a", config, {.version = 4, .sections = {}, .seed = 11});
+  write_model_file(dir.path() / "b", config, {.version = 4, .sections = {}, .seed = 11});
+  write_model_file(dir.path() / "c", config, {.version = 4, .sections = {}, .seed = 12});
+  const auto a = read_file(dir.path() / "a");
+  EXPECT_EQ(a, read_file(dir.path() / "b"));
+  const auto c = read_file(dir.path() / "c");
+  ASSERT_EQ(a.size(), c.size());
+  EXPECT_NE(a, c);
+  EXPECT_TRUE(std::equal(a.begin(), a.begin() + 16, c.begin()));  // same header
+}
+
+TEST(ModelFileWriter, RefusesUnpackableShapesBeforeCreatingTheFile) {
+  TempDir dir;
+  InitConfig config = small_config(4);
+  config.intermediate_dim = 200;  // the down projection's rows would split a block
+  EXPECT_THROW(write_model_file(dir.path() / "m", config, {}), std::invalid_argument);
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "m"));
+  config.arch_type = 6;  // q8_0 sources are plain bf16 and take any width
+  EXPECT_NO_THROW(write_model_file(dir.path() / "m", config, {}));
+}
+
+}  // namespace
+}  // namespace quorvel::tools
