@@ -20,9 +20,13 @@ test: build
 test-sanitize:
 	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DQUORVEL_SANITIZE=address,undefined"
 
-# The thread pool and everything that dispatches through it under ThreadSanitizer.
+# The thread pool and the suites that dispatch through it, under ThreadSanitizer.
+TSAN_TESTS ?= thread_pool_test sampler_test auto_linear_test kv_cache_linear_test transpose_copy_test \
+	norm_test rotary_embedding_test embedding_test
 test-tsan:
-	$(MAKE) test BUILD=build-tsan CMAKE_FLAGS="-DQUORVEL_SANITIZE=thread"
+	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEL_SANITIZE=thread
+	cmake --build build-tsan -j $(JOBS) --target $(TSAN_TESTS)
+	set -e; for t in $(TSAN_TESTS); do ./build-tsan/tests/$$t --gtest_brief=1; done
 
 # Kernel micro-benchmarks in a Release build of their own. BENCH_ARGS passes
 # Google Benchmark flags; the default keeps one run short on a shared machine.
