@@ -1,0 +1,40 @@
+#include "runtime/kernel_sets.h"
+
+#include "runtime/scalar/portable_kernels.h"
+
+#if defined(QUORVEL_X86_KERNELS)
+#include "runtime/x86/avx2_kernels.h"
+#include "runtime/x86/avx512_kernels.h"
+#include "runtime/x86/cpu_features_x86.h"
+#endif
+
+namespace quorvel::kernels {
+namespace {
+
+template <typename Set>
+std::unique_ptr<KernelBase> make_set() {
+  return std::make_unique<Set>();
+}
+
+bool always() { return true; }
+
+constexpr KernelSet kSets[] = {
+#if defined(QUORVEL_X86_KERNELS)
+    {"avx512", x86::cpu_runs_avx512_set, make_set<x86::Avx512Kernels>},
+    {"avx2", x86::cpu_runs_avx2_set, make_set<x86::Avx2Kernels>},
+#endif
+    {"portable", always, make_set<PortableKernels>},
+};
+
+}  // namespace
+
+std::span<const KernelSet> kernel_sets() { return kSets; }
+
+const KernelSet& preferred_kernel_set() {
+  for (const KernelSet& set : kSets) {
+    if (set.supported()) return set;
+  }
+  return kSets[std::size(kSets) - 1];
+}
+
+}  // namespace quorvel::kernels

@@ -1,0 +1,120 @@
+// The AVX2 engine of the block-format products (q1_0_128, q1.58, q8_0).
+//
+// Every lane of a vector is one output: row l / kTokens and token
+// l % kTokens of a pass over 8 / kTokens weight rows. Per block column the
+// engine expands each row's block once, takes its dot product with every
+// token's activations, reduces the eight partial vectors to one vector of
+// exact integer block sums S_b, and adds d_b * (float)S_b to each lane's own
+// f32 accumulator, product rounded, no fused multiply-add: the portable
+// order per row and token, spread across rows.
+//
+// A Format supplies: kValues per block, kActivationVectors (32-byte
+// activation vectors per block), kScaleWord (the byte offset of a 32-bit word
+// holding the scale: an f32, or a bf16 in its high half when kBf16Scale),
+// kOrder (the activation order it expects), Weights, expand(block),
+// dot(acc, weights, activations) and block_sums(dots, activation block sums).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "runtime/x86/avx2_lanes.h"
+#include "runtime/x86/intrinsics.h"
+#include "runtime/x86/prepared_activations.h"
+
+namespace quorvel::kernels::x86::avx2 {
+
+// Row r's block b lies at first + r * row_bytes + b * block_step.
+struct WeightRows {
+  const std::uint8_t* first;
+  std::size_t row_bytes;
+  std::size_t block_step;
+  std::size_t rows;
+};
+
+template <typename Format>
+__m256 block_scales(const std::uint8_t* column, __m256i scale_offsets) {
+  const __m256i words = _mm256_i32gather_epi32(reinterpret_cast<const int*>(column), scale_offsets, 1);
+  if constexpr (Format::kBf16Scale) return _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_srli_epi32(words, 16), 16));
+  return _mm256_castsi256_ps(words);
+}
+
+// The rows of one pass, clamped so that the lanes past the last row repeat it
+// (their results are never stored).
+template <int kTokens>
+struct PassRows {
+  const std::uint8_t* row[kRowsPerPass<kTokens>];
+  __m256i scale_offsets;
+};
+
+template <typename Format, int kTokens>
+PassRows<kTokens> pass_rows(const WeightRows& w, std::size_t first, std::size_t n) {
+  PassRows<kTokens> pass;
+  alignas(32) std::int32_t offsets[kLanes];
+  for (std::size_t r = 0; r < kRowsPerPass<kTokens>; ++r) {
+    const std::size_t clamped = r < n ? r : n - 1;
+    pass.row[r] = w.first + (first + clamped) * w.row_bytes;
+    for (int t = 0; t < kTokens; ++t) {
+      offsets[r * kTokens + t] = static_cast<std::int32_t>(clamped * w.row_bytes) + Format::kScaleWord;
+    }
+  }
+  pass.scale_offsets = _mm256_load_si256(reinterpret_cast<const __m256i*>(offsets));
+  return pass;
+}
+
+// acc + d_b * (float)S_b for block column b of every lane.
+template <typename Format, int kTokens>
+__m256 block_step(__m256 acc, const PassRows<kTokens>& pass, const WeightRows& w, const PreparedActivations& x,
+                  std::size_t b) {
+  __m256i xv[kTokens][Format::kActivationVectors];
+  for (int t = 0; t < kTokens; ++t) {
+    for (int i = 0; i < Format::kActivationVectors; ++i) {
+      xv[t][i] = _mm256_load_si256(reinterpret_cast<const __m256i*>(x.codes[t] + b * Format::kValues + 32 * i));
+    }
+  }
+  const std::size_t offset = b * w.block_step;
+  __m256i partial[kLanes];
+  for (int r = 0; r < kRowsPerPass<kTokens>; ++r) {
+    const typename Format::Weights wr = Format::expand(pass.row[r] + offset);
+    for (int t = 0; t < kTokens; ++t) partial[r * kTokens + t] = Format::dot(_mm256_setzero_si256(), wr, xv[t]);
+  }
+  const __m256i sums = Format::block_sums(sum_lanes(partial), broadcast_tokens<kTokens>(x.block_sums + b * kTokens));
+  const __m256 d = block_scales<Format>(pass.row[0] + offset, pass.scale_offsets);
+  return _mm256_add_ps(acc, _mm256_mul_ps(d, _mm256_cvtepi32_ps(sums)));
+}
+
+// Rows [first, first + n) against the prepared tokens; out points at row first of token 0.
+template <typename Format, int kTokens, typename Out>
+void block_pass(const WeightRows& w, std::size_t first, std::size_t n, const PreparedActivations& x, Out* out,
+                std::size_t out_stride) {
+  const PassRows<kTokens> pass = pass_rows<Format, kTokens>(w, first, n);
+  __m256 acc = _mm256_setzero_ps();
+  for (std::size_t b = 0; b < x.blocks; ++b) acc = block_step<Format, kTokens>(acc, pass, w, x, b);
+  store_lanes<kTokens>(_mm256_mul_ps(acc, broadcast_tokens<kTokens>(x.scales)), out, out_stride, n);
+}
+
+template <typename Format, int kTokens, typename Out>
+void block_rows(const WeightRows& w, const PreparedActivations& x, Out* out, std::size_t out_stride) {
+  constexpr std::size_t kRows = kRowsPerPass<kTokens>;
+  for (std::size_t r = 0; r < w.rows; r += kRows) {
+    block_pass<Format, kTokens>(w, r, w.rows - r < kRows ? w.rows - r : kRows, x, out + r, out_stride);
+  }
+}
+
+// Several tokens (token t at x + t * k, outputs at out + t * out_stride),
+// four at a time so that each expanded weight block serves four tokens.
+// k <= kMaxValues.
+template <typename Format, typename Out>
+void block_products(const WeightRows& w, const std::int8_t* x, const float* x_scales, std::size_t n_tokens,
+                    std::size_t k, Out* out, std::size_t out_stride) {
+  PreparedActivations prepared;
+  token_passes(n_tokens, [&](std::size_t t, std::size_t tokens) {
+    prepare_activations(prepared, x + t * k, x_scales + t, tokens, k, Format::kValues, Format::kOrder);
+    Out* token_out = out + t * out_stride;
+    if (tokens == 4) block_rows<Format, 4>(w, prepared, token_out, out_stride);
+    if (tokens == 2) block_rows<Format, 2>(w, prepared, token_out, out_stride);
+    if (tokens == 1) block_rows<Format, 1>(w, prepared, token_out, out_stride);
+  });
+}
+
+}  // namespace quorvel::kernels::x86::avx2

@@ -1,0 +1,51 @@
+// The x86-64 kernel set for processors with AVX2 + FMA + F16C.
+//
+// It derives from the portable set and overrides the operations it makes
+// faster; every override gives the portable set's results bit for bit. Each
+// family of overrides lives in its own file named after the instruction set
+// (e.g. q1_0_products_avx2.cpp), compiled with that set's flags; this header
+// only declares them, so a new family joins by adding its declarations here
+// and its file beside the others. The accessor constructs this set only on a
+// processor that runs it; nothing below re-checks.
+#pragma once
+
+#include "runtime/scalar/portable_kernels.h"
+
+namespace quorvel::kernels::x86 {
+
+class Avx2Kernels : public PortableKernels {
+ public:
+  // Declared first and defined out of line, so that the class's vtable is
+  // emitted with avx2_kernels.cpp (built without extra instruction-set flags).
+  const char* name() const override;
+
+  // Weight products (ternary, q1_0_128, q1.58, q8_0).
+  void gemm_ternary(double gamma, const std::uint8_t* w, const std::int8_t* x, const float* x_scales, bf16* out,
+                    size_t out_stride, size_t n_tokens, size_t rows, size_t k) const override;
+  void gemv_ternary(const std::uint8_t* w, const std::int8_t* x, std::int32_t x_sum, bf16* out, size_t rows,
+                    size_t k, float x_scale, double gamma) const override;
+  void gemm_q1_0(const void* w, const std::int8_t* x, const float* x_scales, bf16* out, size_t out_stride,
+                 size_t n_tokens, size_t rows, size_t k) const override;
+  void gemv_q1_0(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,
+                 size_t k) const override;
+  void gemv_q1_0_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
+                     size_t k) const override;
+  void gemm_q1_58(const void* w, const std::int8_t* x, const float* x_scales, bf16* out, size_t out_stride,
+                  size_t n_tokens, size_t rows, size_t k) const override;
+  void gemv_q1_58(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,
+                  size_t k) const override;
+  void gemv_q1_58_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
+                      size_t k) const override;
+  void gemm_q8_0(const void* w, const std::int8_t* x, const float* x_scales, bf16* out, size_t out_stride,
+                 size_t n_tokens, size_t rows, size_t k) const override;
+  void gemv_q8_0(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,
+                 size_t k) const override;
+
+  // Unembedding (logits) products.
+  void gemv_i8_f32(const std::int8_t* w, const float* row_scales, const std::int8_t* x, float x_scale, float* out,
+                   size_t rows, size_t k) const override;
+  void gemv_q8_0_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
+                     size_t k) const override;
+};
+
+}  // namespace quorvel::kernels::x86
