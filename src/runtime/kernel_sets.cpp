@@ -7,6 +7,12 @@
 #include "runtime/x86/avx512_kernels.h"
 #include "runtime/x86/cpu_features_x86.h"
 #endif
+#if defined(__aarch64__)
+#include <bit>
+
+#include "runtime/arm/cpu_features_arm.h"
+#include "runtime/arm/neon_kernels.h"
+#endif
 
 namespace quorvel::kernels {
 namespace {
@@ -18,10 +24,22 @@ std::unique_ptr<KernelBase> make_set() {
 
 bool always() { return true; }
 
+#if defined(__aarch64__)
+// The NEON set with the products chosen by the given feature record.
+template <std::uint16_t kFeatureBits>
+std::unique_ptr<KernelBase> make_neon_set() {
+  return std::make_unique<arm::NEONKernels>(std::bit_cast<CpuFeatures>(kFeatureBits));
+}
+#endif
+
 constexpr KernelSet kSets[] = {
 #if defined(QUORVEL_X86_KERNELS)
     {"avx512", x86::cpu_runs_avx512_set, make_set<x86::Avx512Kernels>},
     {"avx2", x86::cpu_runs_avx2_set, make_set<x86::Avx2Kernels>},
+#endif
+#if defined(__aarch64__)
+    {"neon-dotprod", arm::cpu_has_dot_product, make_neon_set<arm::kDotProductFeatureBits>},
+    {"neon", always, make_neon_set<0>},
 #endif
     {"portable", always, make_set<PortableKernels>},
 };

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -32,8 +33,14 @@ inline std::vector<const kernels::KernelSet*> simd_kernel_sets() {
   return sets;
 }
 
+// The set's name as a test name: letters, digits and underscores only
+// ("neon-dotprod" runs as neon_dotprod).
 inline std::string kernel_set_name(const testing::TestParamInfo<const kernels::KernelSet*>& info) {
-  return info.param->name;
+  std::string name = info.param->name;
+  for (char& c : name) {
+    if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+  }
+  return name;
 }
 
 // Output bytes filled around and inside an output range before a call, so

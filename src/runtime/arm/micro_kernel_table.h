@@ -1,0 +1,71 @@
+// The ten hottest products of the NEON kernel set, in two interchangeable
+// versions: the baseline set (ARMv8-A: widening 8-bit multiply-accumulate,
+// sign selection and pairwise widening adds) and the dot-product set
+// (ARMv8.2-A SDOT, four 8-bit products summed into each 32-bit lane). Both
+// give the same integers and therefore the same results bit for bit.
+//
+// Each entry takes exactly the arguments of the KernelBase operation that
+// forwards to it (without the object). The dot-product functions live in the
+// *_dotprod.cpp files, the only ones built with the dot-product instructions;
+// nothing calls them unless the processor reports the feature.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "runtime/bf16.h"
+
+namespace quorvel::kernels::arm {
+
+using std::size_t;
+
+using GemvTernaryFn = void(const std::uint8_t* w, const std::int8_t* x, std::int32_t x_sum, bf16* out, size_t rows,
+                           size_t k, float x_scale, double gamma);
+using GemmBlocksFn = void(const void* w, const std::int8_t* x, const float* x_scales, bf16* out, size_t out_stride,
+                          size_t n_tokens, size_t rows, size_t k);
+using GemvBlocksFn = void(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows, size_t k);
+using GemvBlocksF32Fn = void(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows, size_t k);
+
+// Field order is fixed: it is the order in which the table is described and filled.
+struct MicroKernelTable {
+  GemvTernaryFn* gemv_ternary;
+  GemmBlocksFn* gemm_q1_0;
+  GemvBlocksFn* gemv_q1_0;
+  GemvBlocksF32Fn* gemv_q1_0_f32;
+  GemmBlocksFn* gemm_q1_58;
+  GemvBlocksFn* gemv_q1_58;
+  GemvBlocksF32Fn* gemv_q1_58_f32;
+  GemmBlocksFn* gemm_q8_0;
+  GemvBlocksFn* gemv_q8_0;
+  GemvBlocksF32Fn* gemv_q8_0_f32;  // over the unembedding table's 32-row groups
+};
+
+// The baseline set (*_neon.cpp).
+namespace neon {
+GemvTernaryFn gemv_ternary;
+GemmBlocksFn gemm_q1_0;
+GemvBlocksFn gemv_q1_0;
+GemvBlocksF32Fn gemv_q1_0_f32;
+GemmBlocksFn gemm_q1_58;
+GemvBlocksFn gemv_q1_58;
+GemvBlocksF32Fn gemv_q1_58_f32;
+GemmBlocksFn gemm_q8_0;
+GemvBlocksFn gemv_q8_0;
+GemvBlocksF32Fn gemv_q8_0_f32;
+}  // namespace neon
+
+// The dot-product set (*_dotprod.cpp).
+namespace dotprod {
+GemvTernaryFn gemv_ternary;
+GemmBlocksFn gemm_q1_0;
+GemvBlocksFn gemv_q1_0;
+GemvBlocksF32Fn gemv_q1_0_f32;
+GemmBlocksFn gemm_q1_58;
+GemvBlocksFn gemv_q1_58;
+GemvBlocksF32Fn gemv_q1_58_f32;
+GemmBlocksFn gemm_q8_0;
+GemvBlocksFn gemv_q8_0;
+GemvBlocksF32Fn gemv_q8_0_f32;
+}  // namespace dotprod
+
+}  // namespace quorvel::kernels::arm
