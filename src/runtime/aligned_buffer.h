@@ -33,6 +33,10 @@ using AlignedPtr = std::unique_ptr<T[], AlignedDeleter>;
 // Throws std::bad_alloc when the memory is not there.
 template <typename T>
 AlignedPtr<T> allocate_aligned(std::size_t bytes) {
+  // The aligned operator new rounds the size up to the alignment first,
+  // which turns the overflow sentinel into a tiny allocation: refuse sizes
+  // that cannot be rounded.
+  if (bytes > std::numeric_limits<std::size_t>::max() - kBufferAlignment) throw std::bad_alloc();
   void* p = ::operator new(bytes == 0 ? kBufferAlignment : bytes, std::align_val_t{kBufferAlignment});
   return AlignedPtr<T>(static_cast<T*>(p));
 }
