@@ -1,9 +1,12 @@
 #include "layers/auto_linear.h"
 
 #include <algorithm>
+#include <istream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
+#include "io/short_read.h"
 #include "layers/dispatch.h"
 #include "layers/payload_read.h"
 #include "runtime/kernel_base.h"
@@ -18,6 +21,16 @@ constexpr std::uint64_t kRowsPerUnit = 4;
 constexpr std::uint64_t kTokensPerChunk = 4;
 
 const PayloadText kBiasText{"Could not read in bias: read_bytes (", "Failed to read linear bias"};
+
+// One LoRA factor of `rows` x `cols` bf16 values. The adapter file's short
+// reads print no report: the message alone says which factor ran short.
+AlignedPtr<bf16> read_lora_factor(std::istream& stream, std::uint64_t rows, std::uint64_t cols,
+                                  const char* failure) {
+  const std::uint64_t count = checked_bytes(rows, cols);
+  AlignedPtr<bf16> values = allocate_aligned_elements<bf16>(count);
+  if (!read_exact(stream, values.get(), checked_bytes(count, sizeof(bf16)))) throw std::runtime_error(failure);
+  return values;
+}
 
 }  // namespace
 
@@ -97,15 +110,46 @@ void AutoLinear::add_bias_to_row(bf16* row) const {
   parallel_for(out_shape_, 0, elements);
 }
 
-// Step 3 of forward: the low-rank correction out += x_lora * A * B, added
-// to the product and bias already in `out`, for layers that carry an adapter
-// and callers that pass input rows. Adapters are not read yet: load_lora
-// (this layer's record of the LoRA adapter file, which sets has_lora_) and
-// the per-format side products dispatched here over the n tokens (lora_bf16,
-// lora_i8, lora_q*) are still to be written, so no layer has one.
-void AutoLinear::apply_lora(const bf16* x_lora, [[maybe_unused]] std::uint64_t n,
-                            [[maybe_unused]] bf16* out) const {
+void AutoLinear::load_lora(std::istream& stream, std::uint64_t rank) {
+  const int flag = stream.get();
+  if (stream.fail()) throw std::runtime_error("Failed to read LoRA has_lora flag");
+  if (flag == 0) {
+    has_lora_ = false;
+    return;
+  }
+  // Built aside and committed at the end, so that a throw leaves no half
+  // adapter behind (and every buffer is released on the way out).
+  AlignedPtr<float> scratch = allocate_aligned_elements<float>(checked_bytes(thread_count(), rank));
+  AlignedPtr<bf16> a = read_lora_factor(stream, in_shape_, rank, "Failed to read LoRA A matrix");
+  AlignedPtr<bf16> b = read_lora_factor(stream, rank, out_shape_, "Failed to read LoRA B matrix");
+  LoraFactor factor_a(lora_format_, std::move(a), in_shape_, rank);
+  LoraFactor factor_b(lora_format_, std::move(b), rank, out_shape_);
+  lora_a_ = std::move(factor_a);
+  lora_b_ = std::move(factor_b);
+  lora_scratch_ = std::move(scratch);
+  lora_rank_ = rank;
+  has_lora_ = true;
+}
+
+// Step 3 of forward: out[t] += x_lora[t] * A * B for every token, added to
+// the product and bias already in `out`. Tokens are independent, so the
+// split does not change the result; each thread keeps its intermediate in
+// its own slice of the scratch.
+void AutoLinear::apply_lora(const bf16* x_lora, std::uint64_t n, bf16* out) const {
   if (!has_lora_ || x_lora == nullptr) return;
+  const LoraProduct product = lora_product(lora_format_);
+  const auto& k = kernels::kernels();
+  auto tokens = [&](std::uint64_t first, std::uint64_t count) {
+    float* h = lora_scratch_.get() + worker_index() * lora_rank_;
+    (k.*product)(x_lora + first * in_shape_, lora_a_.data(), lora_b_.data(), out + first * out_shape_, count,
+                 in_shape_, lora_rank_, out_shape_, h);
+  };
+  // Too few tokens to give every worker a share: one call on this thread.
+  if (n < thread_count() / 2 || current_depth() != 0) {
+    tokens(0, n);
+  } else {
+    parallel_for(n, 0, tokens);
+  }
 }
 
 }  // namespace quorvel::layers

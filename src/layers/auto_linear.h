@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "engine/init_config.h"
+#include "layers/lora_factor.h"
 #include "runtime/aligned_buffer.h"
 #include "runtime/bf16.h"
 
@@ -45,6 +46,16 @@ class AutoLinear {
   bool has_bias() const { return has_bias_; }
   bool has_lora() const { return has_lora_; }
   QuantFormat lora_format() const { return lora_format_; }
+  std::uint64_t lora_rank() const { return lora_rank_; }
+
+  // Reads this layer's record of the LoRA adapter file: a flag byte, and
+  // when it is not 0, A (in_shape x rank bf16) and B (rank x out_shape
+  // bf16), then keeps both in lora_format's storage. A 0 flag consumes one
+  // byte and leaves the layer without an adapter. Throws "Failed to read
+  // LoRA has_lora flag", "Failed to read LoRA A matrix", "Failed to read
+  // LoRA B matrix" or "Unsupported LoRA quantization format in this build";
+  // after a throw the layer is as it was before the record.
+  void load_lora(std::istream& stream, std::uint64_t rank);
 
  protected:
   AutoLinear(std::uint64_t in_shape, std::uint64_t out_shape, std::uint64_t num_heads, bool has_bias,
@@ -81,13 +92,14 @@ class AutoLinear {
   std::uint64_t out_shape_;
   AlignedPtr<bf16> bias_;
   bool has_bias_;
-  // The LoRA adapter. load_lora (reading an adapter from the LoRA file) is
-  // what sets these; until an adapter is loaded has_lora_ stays false and
+  // The LoRA adapter, set by load_lora; until then has_lora_ stays false and
   // apply_lora adds nothing.
   QuantFormat lora_format_;
-  AlignedPtr<std::uint8_t> lora_a_;
-  AlignedPtr<std::uint8_t> lora_b_;
-  AlignedPtr<float> lora_scratch_;  // thread_count() * lora_rank_ floats
+  LoraFactor lora_a_;
+  LoraFactor lora_b_;
+  // thread_count() * lora_rank_ floats: a thread's intermediate x * A lives
+  // in the slice of its worker index.
+  AlignedPtr<float> lora_scratch_;
   std::uint64_t lora_rank_ = 0;
   bool has_lora_ = false;
 };
