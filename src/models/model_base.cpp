@@ -1,9 +1,10 @@
 #include "models/model_base.h"
 
-#include <istream>
+#include <iostream>
 #include <stdexcept>
 #include <string>
 
+#include "io/little_endian.h"
 #include "layers/embedding_q1.h"
 #include "models/transformer_layers.h"
 
@@ -47,6 +48,27 @@ void ModelBase::read_layers(std::istream& tensors) {
   for (std::uint64_t i = 0; i < config_.num_layers; ++i) {
     layers_.push_back(std::make_unique<Layer>(tensors, config_));
     if (tensors.fail()) throw std::runtime_error("Model file truncated at layer " + std::to_string(i));
+  }
+}
+
+void ModelBase::load_lora(std::istream& lora) {
+  const auto rank = read_le<std::uint32_t>(lora);
+  const auto num_layers = read_le<std::uint32_t>(lora);
+  const auto targets_per_layer = static_cast<std::int32_t>(read_le<std::uint32_t>(lora));
+  if (lora.fail()) throw std::runtime_error("Failed to read LoRA header");
+  if (num_layers != config_.num_layers) {
+    throw std::runtime_error("LoRA num_layers mismatch: file has " + std::to_string(num_layers) +
+                             " but model has " + std::to_string(config_.num_layers));
+  }
+  if (targets_per_layer != static_cast<std::int32_t>(layers::kLoraTargetsPerLayer)) {
+    throw std::runtime_error("Unsupported LoRA targets_per_layer: " + std::to_string(targets_per_layer) +
+                             " (expected 7)");
+  }
+  std::cerr << "  LoRA rank: " << rank << ", layers: " << num_layers << ", targets/layer: " << targets_per_layer
+            << std::endl;
+  for (std::uint64_t i = 0; i < layers_.size(); ++i) {
+    layers_[i]->attach_lora(lora, rank);
+    if (lora.fail()) throw std::runtime_error("LoRA file truncated at layer " + std::to_string(i));
   }
 }
 

@@ -31,6 +31,16 @@ class ModelBase {
   const ModelScratch& scratch() const { return scratch_; }
   const std::vector<std::unique_ptr<layers::TransformerLayerBase>>& layers() const { return layers_; }
 
+  // Reads the LoRA adapter file from offset 12 (after the header check):
+  // rank, num_layers and targets_per_layer, then hands the stream to every
+  // layer in order. Writes "  LoRA rank: <r>, layers: <n>, targets/layer:
+  // <t>" to standard error before the layers. Throws "Failed to read LoRA
+  // header", "LoRA num_layers mismatch: file has <f> but model has <m>",
+  // "Unsupported LoRA targets_per_layer: <t> (expected 7)", a target
+  // record's own message, or "LoRA file truncated at layer <i>" when the
+  // stream has failed after layer i.
+  void load_lora(std::istream& lora);
+
  protected:
   // Reads the embedding and the final norm from `tensors` and the rotary
   // tables from `rope`; the subclass then reads its layers with read_layers.

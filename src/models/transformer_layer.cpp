@@ -57,6 +57,16 @@ void TransformerLayer<Family>::set_position(std::uint64_t position) {
 }
 
 template <typename Family>
+std::array<AutoLinear*, kLoraTargetsPerLayer> TransformerLayer<Family>::projections_in_lora_order() const {
+  return {key_.get(), value_.get(), query_.get(), output_.get(), gate_.get(), up_.get(), down_.get()};
+}
+
+template <typename Family>
+void TransformerLayer<Family>::attach_lora(std::istream& stream, std::uint64_t rank) {
+  for (AutoLinear* projection : projections_in_lora_order()) projection->load_lora(stream, rank);
+}
+
+template <typename Family>
 void TransformerLayer<Family>::forward(const RotaryEmbedding& rope, bf16* x, bf16* work,
                                        const ModelScratch& scratch, std::uint64_t n) {
   const auto& k = kernels::kernels();

@@ -5,6 +5,8 @@
 // order in which they read them from the model file.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 #include <memory>
@@ -18,6 +20,10 @@
 
 namespace quorvel::layers {
 
+// Every layer has seven projections, so every layer block of the LoRA
+// adapter file has seven target records.
+inline constexpr std::size_t kLoraTargetsPerLayer = 7;
+
 class TransformerLayerBase {
  public:
   virtual ~TransformerLayerBase() = default;
@@ -30,6 +36,10 @@ class TransformerLayerBase {
                        std::uint64_t n) = 0;
   // The next forward writes its keys and values at `position`.
   virtual void set_position(std::uint64_t position) = 0;
+  // Reads this layer's block of the LoRA adapter file: one target record per
+  // projection, in the order K, V, Q, O, FFN 1, FFN 2, down (the model
+  // file's order without the norms), whatever the architecture.
+  virtual void attach_lora(std::istream& stream, std::uint64_t rank) = 0;
 
  protected:
   TransformerLayerBase() = default;
@@ -52,6 +62,10 @@ class TransformerLayer : public TransformerLayerBase {
   void forward(const RotaryEmbedding& rope, bf16* x, bf16* work, const ModelScratch& scratch,
                std::uint64_t n) override;
   void set_position(std::uint64_t position) override;
+  void attach_lora(std::istream& stream, std::uint64_t rank) override;
+
+  // The seven projections in the order of their LoRA target records.
+  std::array<AutoLinear*, kLoraTargetsPerLayer> projections_in_lora_order() const;
 
  protected:
   TransformerLayer(const InitConfig& config, bool always_silu);
