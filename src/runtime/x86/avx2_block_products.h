@@ -33,7 +33,7 @@ struct WeightRows {
 };
 
 template <typename Format>
-__m256 block_scales(const std::uint8_t* column, __m256i scale_offsets) {
+[[gnu::always_inline]] inline __m256 block_scales(const std::uint8_t* column, __m256i scale_offsets) {
   const __m256i words = _mm256_i32gather_epi32(reinterpret_cast<const int*>(column), scale_offsets, 1);
   if constexpr (Format::kBf16Scale) return _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_srli_epi32(words, 16), 16));
   return _mm256_castsi256_ps(words);
@@ -54,6 +54,7 @@ PassRows<kTokens> pass_rows(const WeightRows& w, std::size_t first, std::size_t 
   for (std::size_t r = 0; r < kRowsPerPass<kTokens>; ++r) {
     const std::size_t clamped = r < n ? r : n - 1;
     pass.row[r] = w.first + (first + clamped) * w.row_bytes;
+    #pragma GCC unroll 16
     for (int t = 0; t < kTokens; ++t) {
       offsets[r * kTokens + t] = static_cast<std::int32_t>(clamped * w.row_bytes) + Format::kScaleWord;
     }
@@ -64,18 +65,22 @@ PassRows<kTokens> pass_rows(const WeightRows& w, std::size_t first, std::size_t 
 
 // acc + d_b * (float)S_b for block column b of every lane.
 template <typename Format, int kTokens>
-__m256 block_step(__m256 acc, const PassRows<kTokens>& pass, const WeightRows& w, const PreparedActivations& x,
+[[gnu::always_inline]] inline __m256 block_step(__m256 acc, const PassRows<kTokens>& pass, const WeightRows& w, const PreparedActivations& x,
                   std::size_t b) {
   __m256i xv[kTokens][Format::kActivationVectors];
+  #pragma GCC unroll 16
   for (int t = 0; t < kTokens; ++t) {
+    #pragma GCC unroll 16
     for (int i = 0; i < Format::kActivationVectors; ++i) {
       xv[t][i] = _mm256_load_si256(reinterpret_cast<const __m256i*>(x.codes[t] + b * Format::kValues + 32 * i));
     }
   }
   const std::size_t offset = b * w.block_step;
   __m256i partial[kLanes];
+  #pragma GCC unroll 16
   for (int r = 0; r < kRowsPerPass<kTokens>; ++r) {
     const typename Format::Weights wr = Format::expand(pass.row[r] + offset);
+    #pragma GCC unroll 16
     for (int t = 0; t < kTokens; ++t) partial[r * kTokens + t] = Format::dot(_mm256_setzero_si256(), wr, xv[t]);
   }
   const __m256i sums = Format::block_sums(sum_lanes(partial), broadcast_tokens<kTokens>(x.block_sums + b * kTokens));

@@ -46,6 +46,18 @@ class Avx2Kernels : public PortableKernels {
                    size_t rows, size_t k) const override;
   void gemv_q8_0_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
                      size_t k) const override;
+  // Norms, quantizers, rotary embedding, gates and the residual add
+  // (norms_avx2.cpp, quantize_avx2.cpp, rope_avx2.cpp, gates_avx2.cpp).
+  void rope_bf16(bf16* x, const float* cos, const float* sin, size_t rows, size_t x_stride,
+                 size_t dim) const override;
+  void rms_norm_bf16(bf16* x, const bf16* weight, size_t rows, size_t dim, float eps) const override;
+  void rms_norm_quantize_i8(bf16* x, const bf16* weight, std::int8_t* q, float* scales, size_t rows, size_t dim,
+                            float eps) const override;
+  void quantize_rows_i8(const bf16* x, std::int8_t* q, float* scales, size_t rows, size_t dim) const override;
+  void quantize_rows_q8_0(const bf16* x, size_t rows, size_t cols, void* out) const override;
+  void relu2_mul_bf16(const bf16* gate, bf16* up, size_t rows, size_t dim) const override;
+  void silu_mul_bf16(const bf16* gate, bf16* up, size_t rows, size_t dim) const override;
+  void add_bf16(const bf16* src, bf16* dst, size_t n) const override;
 };
 
 }  // namespace quorvel::kernels::x86

@@ -21,13 +21,15 @@ namespace quorvel::kernels::x86::avx2 {
 inline constexpr int kLanes = 8;
 
 // Lane i of the result = the sum of the eight 32-bit lanes of v[i].
-inline __m256i sum_lanes(const __m256i (&v)[kLanes]) {
+[[gnu::always_inline]] inline __m256i sum_lanes(const __m256i (&v)[kLanes]) {
   __m256i pairs[4];
+  #pragma GCC unroll 16
   for (int i = 0; i < 4; ++i) {
     pairs[i] = _mm256_add_epi32(_mm256_unpacklo_epi32(v[2 * i], v[2 * i + 1]),
                                 _mm256_unpackhi_epi32(v[2 * i], v[2 * i + 1]));
   }
   __m256i quads[2];  // each 128-bit lane: partial sums of v[4i .. 4i+3]
+  #pragma GCC unroll 16
   for (int i = 0; i < 2; ++i) {
     quads[i] = _mm256_add_epi32(_mm256_unpacklo_epi64(pairs[2 * i], pairs[2 * i + 1]),
                                 _mm256_unpackhi_epi64(pairs[2 * i], pairs[2 * i + 1]));
@@ -38,11 +40,11 @@ inline __m256i sum_lanes(const __m256i (&v)[kLanes]) {
 
 // Sixteen int16 products of bytes summed pairwise, then pairs of those into
 // eight 32-bit lanes: the exact dot sums of four bytes per lane.
-inline __m256i widen_pairs(__m256i pair_sums) { return _mm256_madd_epi16(pair_sums, _mm256_set1_epi16(1)); }
+[[gnu::always_inline]] inline __m256i widen_pairs(__m256i pair_sums) { return _mm256_madd_epi16(pair_sums, _mm256_set1_epi16(1)); }
 
 // The nearest-even bf16 rule on eight floats: NaN keeps its upper half with
 // the quiet bit set; everything else rounds half to even, no clamp.
-inline __m128i narrow_nearest_even(__m256 v) {
+[[gnu::always_inline]] inline __m128i narrow_nearest_even(__m256 v) {
   const __m256i bits = _mm256_castps_si256(v);
   const __m256i magnitude = _mm256_and_si256(bits, _mm256_set1_epi32(0x7FFFFFFF));
   const __m256i nan = _mm256_cmpgt_epi32(magnitude, _mm256_set1_epi32(0x7F800000));
@@ -64,6 +66,7 @@ void store_lanes(__m256 values, float* out, std::size_t stride, std::size_t n_ro
   alignas(32) float lanes[kLanes];
   _mm256_store_ps(lanes, values);
   for (std::size_t r = 0; r < n_rows; ++r) {
+    #pragma GCC unroll 16
     for (int t = 0; t < kTokens; ++t) out[static_cast<std::size_t>(t) * stride + r] = lanes[r * kTokens + t];
   }
 }
@@ -73,21 +76,24 @@ void store_lanes(__m256 values, bf16* out, std::size_t stride, std::size_t n_row
   alignas(16) std::uint16_t lanes[kLanes];
   _mm_store_si128(reinterpret_cast<__m128i*>(lanes), narrow_nearest_even(values));
   for (std::size_t r = 0; r < n_rows; ++r) {
+    #pragma GCC unroll 16
     for (int t = 0; t < kTokens; ++t) out[static_cast<std::size_t>(t) * stride + r] = bf16{lanes[r * kTokens + t]};
   }
 }
 
 // Lane l = values[l % kTokens], for per-token values laid out token after token.
 template <int kTokens>
-__m256i broadcast_tokens(const std::int32_t* values) {
+[[gnu::always_inline]] inline __m256i broadcast_tokens(const std::int32_t* values) {
   alignas(32) std::int32_t lanes[kLanes];
+  #pragma GCC unroll 16
   for (int l = 0; l < kLanes; ++l) lanes[l] = values[l % kTokens];
   return _mm256_load_si256(reinterpret_cast<const __m256i*>(lanes));
 }
 
 template <int kTokens>
-__m256 broadcast_tokens(const float* values) {
+[[gnu::always_inline]] inline __m256 broadcast_tokens(const float* values) {
   alignas(32) float lanes[kLanes];
+  #pragma GCC unroll 16
   for (int l = 0; l < kLanes; ++l) lanes[l] = values[l % kTokens];
   return _mm256_load_ps(lanes);
 }

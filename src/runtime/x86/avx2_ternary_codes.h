@@ -17,7 +17,7 @@ struct TernaryCodes {
 };
 
 // Weights 32q .. 32q + 31 are the bits 7 - 2q .. 6 - 2q of the group's bytes.
-inline TernaryCodes expand_ternary_group(const std::uint8_t* group) {
+[[gnu::always_inline]] inline TernaryCodes expand_ternary_group(const std::uint8_t* group) {
   const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(group));
   const __m256i mask = _mm256_set1_epi8(3);
   return {{_mm256_and_si256(_mm256_srli_epi16(bytes, 6), mask), _mm256_and_si256(_mm256_srli_epi16(bytes, 4), mask),
@@ -25,7 +25,7 @@ inline TernaryCodes expand_ternary_group(const std::uint8_t* group) {
 }
 
 // acc + the four-product dot sums of the codes against 128 activations.
-inline __m256i dot_ternary_group(__m256i acc, const TernaryCodes& codes, const __m256i* x) {
+[[gnu::always_inline]] inline __m256i dot_ternary_group(__m256i acc, const TernaryCodes& codes, const __m256i* x) {
   const __m256i low = _mm256_add_epi16(_mm256_maddubs_epi16(codes.v[0], x[0]), _mm256_maddubs_epi16(codes.v[1], x[1]));
   const __m256i high = _mm256_add_epi16(_mm256_maddubs_epi16(codes.v[2], x[2]), _mm256_maddubs_epi16(codes.v[3], x[3]));
   return _mm256_add_epi32(acc, widen_pairs(_mm256_add_epi16(low, high)));

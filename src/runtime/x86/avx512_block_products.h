@@ -38,7 +38,7 @@ struct WeightRows {
 };
 
 template <typename Format>
-__m512 block_scales(const std::uint8_t* column, __m512i scale_offsets) {
+[[gnu::always_inline]] inline __m512 block_scales(const std::uint8_t* column, __m512i scale_offsets) {
   const __m512i words = _mm512_i32gather_epi32(scale_offsets, column, 1);
   if constexpr (Format::kBf16Scale) return _mm512_castsi512_ps(_mm512_slli_epi32(_mm512_srli_epi32(words, 16), 16));
   return _mm512_castsi512_ps(words);
@@ -46,7 +46,7 @@ __m512 block_scales(const std::uint8_t* column, __m512i scale_offsets) {
 
 // acc + d_b * (float)S_b for block b of every lane.
 template <typename Format, int kTokens>
-__m512 add_block(__m512 acc, __m512i dots, const PreparedActivations& x, std::size_t b, const std::uint8_t* column,
+[[gnu::always_inline]] inline __m512 add_block(__m512 acc, __m512i dots, const PreparedActivations& x, std::size_t b, const std::uint8_t* column,
                  __m512i scale_offsets) {
   const __m512i sums = Format::block_sums(dots, broadcast_tokens<kTokens>(x.block_sums + b * kTokens));
   return _mm512_add_ps(acc, _mm512_mul_ps(block_scales<Format>(column, scale_offsets), _mm512_cvtepi32_ps(sums)));
@@ -67,6 +67,7 @@ PassRows<kTokens> pass_rows(const WeightRows& w, std::size_t first, std::size_t 
   for (std::size_t r = 0; r < kRowsPerPass<kTokens>; ++r) {
     const std::size_t clamped = r < n ? r : n - 1;
     pass.row[r] = w.first + (first + clamped) * w.row_bytes;
+    #pragma GCC unroll 16
     for (int t = 0; t < kTokens; ++t) {
       offsets[r * kTokens + t] = static_cast<std::int32_t>(clamped * w.row_bytes) + Format::kScaleWord;
     }
@@ -77,18 +78,22 @@ PassRows<kTokens> pass_rows(const WeightRows& w, std::size_t first, std::size_t 
 
 // One step: kBlocks (<= Format::kBlocksPerStep) block columns starting at b.
 template <typename Format, int kTokens, int kBlocks>
-__m512 block_step(__m512 acc, const PassRows<kTokens>& pass, const WeightRows& w, const PreparedActivations& x,
+[[gnu::always_inline]] inline __m512 block_step(__m512 acc, const PassRows<kTokens>& pass, const WeightRows& w, const PreparedActivations& x,
                   std::size_t b) {
   __m512i xv[kTokens][Format::kActivationVectors];
+  #pragma GCC unroll 16
   for (int t = 0; t < kTokens; ++t) {
+    #pragma GCC unroll 16
     for (int i = 0; i < Format::kActivationVectors; ++i) {
       xv[t][i] = _mm512_load_si512(x.codes[t] + b * Format::kValues + 64 * i);
     }
   }
   const std::size_t offset = b * w.block_step;
   __m512i partial[kLanes];
+  #pragma GCC unroll 16
   for (int r = 0; r < kRowsPerPass<kTokens>; ++r) {
     const typename Format::Weights wr = Format::template expand<kBlocks>(pass.row[r] + offset, w.block_step);
+    #pragma GCC unroll 16
     for (int t = 0; t < kTokens; ++t) partial[r * kTokens + t] = Format::dot(_mm512_setzero_si512(), wr, xv[t]);
   }
   const std::uint8_t* column = pass.row[0] + offset;

@@ -22,12 +22,14 @@ inline constexpr int kLanes = 16;
 
 // pairs[i] holds, in each 128-bit lane L, the partial sums of v[4i .. 4i+3]
 // over that lane's four elements (the first two levels of both reductions).
-inline void sum_within_128(const __m512i (&v)[kLanes], __m512i (&quads)[4]) {
+[[gnu::always_inline]] inline void sum_within_128(const __m512i (&v)[kLanes], __m512i (&quads)[4]) {
   __m512i pairs[8];
+  #pragma GCC unroll 16
   for (int i = 0; i < 8; ++i) {
     pairs[i] = _mm512_add_epi32(_mm512_unpacklo_epi32(v[2 * i], v[2 * i + 1]),
                                 _mm512_unpackhi_epi32(v[2 * i], v[2 * i + 1]));
   }
+  #pragma GCC unroll 16
   for (int i = 0; i < 4; ++i) {
     quads[i] = _mm512_add_epi32(_mm512_unpacklo_epi64(pairs[2 * i], pairs[2 * i + 1]),
                                 _mm512_unpackhi_epi64(pairs[2 * i], pairs[2 * i + 1]));
@@ -36,12 +38,12 @@ inline void sum_within_128(const __m512i (&v)[kLanes], __m512i (&quads)[4]) {
 
 // a's 128-bit lanes picked by (i0, i1) then b's by (i2, i3).
 template <int kSelect>
-__m512i lanes_of(__m512i a, __m512i b) {
+[[gnu::always_inline]] inline __m512i lanes_of(__m512i a, __m512i b) {
   return _mm512_shuffle_i64x2(a, b, kSelect);
 }
 
 // Lane i of the result = the sum of the sixteen 32-bit lanes of v[i].
-inline __m512i sum_lanes(const __m512i (&v)[kLanes]) {
+[[gnu::always_inline]] inline __m512i sum_lanes(const __m512i (&v)[kLanes]) {
   __m512i q[4];
   sum_within_128(v, q);
   const __m512i h0 = _mm512_add_epi32(lanes_of<_MM_SHUFFLE(1, 0, 1, 0)>(q[0], q[1]),
@@ -53,7 +55,7 @@ inline __m512i sum_lanes(const __m512i (&v)[kLanes]) {
 
 // Lane i of `low` = the sum of the low eight 32-bit lanes of v[i]; of `high`,
 // of its high eight (for vectors that carry two blocks or two rows).
-inline void sum_halves(const __m512i (&v)[kLanes], __m512i& low, __m512i& high) {
+[[gnu::always_inline]] inline void sum_halves(const __m512i (&v)[kLanes], __m512i& low, __m512i& high) {
   __m512i q[4];
   sum_within_128(v, q);
   const __m512i h0 = _mm512_add_epi32(lanes_of<_MM_SHUFFLE(2, 0, 2, 0)>(q[0], q[1]),
@@ -66,7 +68,7 @@ inline void sum_halves(const __m512i (&v)[kLanes], __m512i& low, __m512i& high) 
 
 // The nearest-even bf16 rule on sixteen floats: NaN keeps its upper half
 // with the quiet bit set; everything else rounds half to even, no clamp.
-inline __m256i narrow_nearest_even(__m512 v) {
+[[gnu::always_inline]] inline __m256i narrow_nearest_even(__m512 v) {
   const __m512i bits = _mm512_castps_si512(v);
   const __m512i magnitude = _mm512_and_si512(bits, _mm512_set1_epi32(0x7FFFFFFF));
   const __mmask16 nan = _mm512_cmpgt_epi32_mask(magnitude, _mm512_set1_epi32(0x7F800000));
@@ -90,6 +92,7 @@ void store_lanes(__m512 values, float* out, std::size_t stride, std::size_t n_ro
     alignas(64) float lanes[kLanes];
     _mm512_store_ps(lanes, values);
     for (std::size_t r = 0; r < n_rows; ++r) {
+      #pragma GCC unroll 16
       for (int t = 0; t < kTokens; ++t) out[static_cast<std::size_t>(t) * stride + r] = lanes[r * kTokens + t];
     }
   }
@@ -104,6 +107,7 @@ void store_lanes(__m512 values, bf16* out, std::size_t stride, std::size_t n_row
     alignas(32) std::uint16_t lanes[kLanes];
     _mm256_store_si256(reinterpret_cast<__m256i*>(lanes), narrowed);
     for (std::size_t r = 0; r < n_rows; ++r) {
+      #pragma GCC unroll 16
       for (int t = 0; t < kTokens; ++t) out[static_cast<std::size_t>(t) * stride + r] = bf16{lanes[r * kTokens + t]};
     }
   }
@@ -111,7 +115,7 @@ void store_lanes(__m512 values, bf16* out, std::size_t stride, std::size_t n_row
 
 // Lane l = values[l % kTokens], for per-token sums laid out token after token.
 template <int kTokens>
-__m512i broadcast_tokens(const std::int32_t* values) {
+[[gnu::always_inline]] inline __m512i broadcast_tokens(const std::int32_t* values) {
   if constexpr (kTokens == 1) return _mm512_set1_epi32(values[0]);
   if constexpr (kTokens == 2) {
     std::int64_t pair;
@@ -122,7 +126,7 @@ __m512i broadcast_tokens(const std::int32_t* values) {
 }
 
 template <int kTokens>
-__m512 broadcast_tokens(const float* values) {
+[[gnu::always_inline]] inline __m512 broadcast_tokens(const float* values) {
   std::int32_t bits[kTokens];
   __builtin_memcpy(bits, values, sizeof bits);
   return _mm512_castsi512_ps(broadcast_tokens<kTokens>(bits));

@@ -19,7 +19,7 @@ struct TernaryCodes {
 // bits 3-2 and 96..127 bits 1-0: the bytes go to both halves of a vector and
 // each half is shifted by its own count (16-bit shifts; the mask drops what
 // crosses from the neighbouring byte).
-inline TernaryCodes expand_ternary_group(const std::uint8_t* group) {
+[[gnu::always_inline]] inline TernaryCodes expand_ternary_group(const std::uint8_t* group) {
   const __m512i bytes = _mm512_broadcast_i64x4(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(group)));
   const __m512i first_shifts = _mm512_inserti64x4(_mm512_set1_epi16(6), _mm256_set1_epi16(4), 1);
   const __m512i second_shifts = _mm512_inserti64x4(_mm512_set1_epi16(2), _mm256_set1_epi16(0), 1);
@@ -29,7 +29,7 @@ inline TernaryCodes expand_ternary_group(const std::uint8_t* group) {
 }
 
 // acc + the four-product dot sums of the codes against 128 activations.
-inline __m512i dot_ternary_group(__m512i acc, const TernaryCodes& codes, const __m512i* x) {
+[[gnu::always_inline]] inline __m512i dot_ternary_group(__m512i acc, const TernaryCodes& codes, const __m512i* x) {
   return _mm512_dpbusd_epi32(_mm512_dpbusd_epi32(acc, codes.v[0], x[0]), codes.v[1], x[1]);
 }
 

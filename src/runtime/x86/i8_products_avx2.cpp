@@ -15,9 +15,11 @@ using formats::kI8Tile;
 // Exact sums of the eight rows starting at row `first` of a tile row.
 __m256i pass_row_sums(const std::int8_t* tiles, std::size_t first, const std::int8_t* x, std::size_t k) {
   __m256i acc[avx2::kLanes];
+  #pragma GCC unroll 16
   for (__m256i& a : acc) a = _mm256_setzero_si256();
   for (std::size_t c = 0; c < k; c += kI8Tile, tiles += kI8Tile * kI8Tile) {
     const __m256i xv = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(x + c));
+    #pragma GCC unroll 16
     for (int i = 0; i < avx2::kLanes; ++i) {
       const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(tiles + (first + i) * kI8Tile));
       const __m256i products = _mm256_maddubs_epi16(_mm256_abs_epi8(w), _mm256_sign_epi8(xv, w));

@@ -24,10 +24,12 @@ std::int32_t activation_sum(const std::int8_t* x, std::size_t k) {
 void tile_row_sums(const std::int8_t* tiles, const std::int8_t* x, std::size_t k, std::int32_t x_sum,
                    __m512i (&rows)[2]) {
   __m512i acc[avx512::kLanes];
+  #pragma GCC unroll 16
   for (__m512i& a : acc) a = _mm512_setzero_si512();
   const __m512i flip = _mm512_set1_epi8(static_cast<char>(0x80));
   for (std::size_t c = 0; c < k; c += kI8Tile, tiles += kI8Tile * kI8Tile) {
     const __m512i xv = _mm512_broadcast_i64x4(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(x + c)));
+    #pragma GCC unroll 16
     for (int i = 0; i < avx512::kLanes; ++i) {
       const __m512i w = _mm512_loadu_si512(tiles + 64 * i);
       acc[i] = _mm512_dpbusd_epi32(acc[i], _mm512_xor_si512(w, flip), xv);
@@ -54,6 +56,7 @@ void Avx512Kernels::gemv_i8_f32(const std::int8_t* w, const float* row_scales, c
   for (std::size_t r = 0; r < rows; r += kI8Tile) {
     __m512i sums[2];
     tile_row_sums(w + r * k, x, k, x_sum, sums);
+    #pragma GCC unroll 16
     for (int half = 0; half < 2; ++half) {
       const std::size_t at = r + 16 * static_cast<std::size_t>(half);
       const __m512 scaled = _mm512_mul_ps(_mm512_cvtepi32_ps(sums[half]), scale);

@@ -14,7 +14,7 @@ namespace quorvel::kernels::x86 {
 namespace {
 
 // 1 where bit i of a 32-bit sign word is set, 0 elsewhere, for i in 0..31.
-__m256i sign_word_bits(std::uint32_t word) {
+[[gnu::always_inline]] inline __m256i sign_word_bits(std::uint32_t word) {
   const __m256i byte_of_bit = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1,  //
                                                2, 2, 2, 2, 2, 2, 2, 2, 3, 3, 3, 3, 3, 3, 3, 3);
   const __m256i bit_of_byte = _mm256_set1_epi64x(static_cast<long long>(0x8040201008040201ull));
@@ -33,8 +33,9 @@ struct Q1_0Format {
     __m256i v[4];  // 1 where the sign bit is set, 0 elsewhere
   };
 
-  static Weights expand(const std::uint8_t* block) {
+  [[gnu::always_inline]] static Weights expand(const std::uint8_t* block) {
     Weights w;
+    #pragma GCC unroll 16
     for (int i = 0; i < 4; ++i) {
       std::uint32_t word;
       std::memcpy(&word, block + 4 * i, sizeof word);
@@ -44,12 +45,12 @@ struct Q1_0Format {
   }
   // Each 16-bit lane takes two 0/1 x activation products per vector, at most
   // 8 * 127 over the four: no saturation.
-  static __m256i dot(__m256i acc, const Weights& w, const __m256i* x) {
+  [[gnu::always_inline]] static __m256i dot(__m256i acc, const Weights& w, const __m256i* x) {
     const __m256i low = _mm256_add_epi16(_mm256_maddubs_epi16(w.v[0], x[0]), _mm256_maddubs_epi16(w.v[1], x[1]));
     const __m256i high = _mm256_add_epi16(_mm256_maddubs_epi16(w.v[2], x[2]), _mm256_maddubs_epi16(w.v[3], x[3]));
     return _mm256_add_epi32(acc, avx2::widen_pairs(_mm256_add_epi16(low, high)));
   }
-  static __m256i block_sums(__m256i set_sums, __m256i x_sums) {
+  [[gnu::always_inline]] static __m256i block_sums(__m256i set_sums, __m256i x_sums) {
     return _mm256_sub_epi32(_mm256_slli_epi32(set_sums, 1), x_sums);
   }
 };

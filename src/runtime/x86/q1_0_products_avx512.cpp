@@ -25,17 +25,17 @@ struct Q1_0Format {
   };
 
   template <int kBlocks>
-  static Weights expand(const std::uint8_t* block, std::size_t) {
+  [[gnu::always_inline]] static Weights expand(const std::uint8_t* block, std::size_t) {
     std::uint64_t low, high;
     std::memcpy(&low, block, sizeof low);
     std::memcpy(&high, block + 8, sizeof high);
     const __m512i ones = _mm512_set1_epi8(1);
     return {{_mm512_maskz_mov_epi8(_cvtu64_mask64(low), ones), _mm512_maskz_mov_epi8(_cvtu64_mask64(high), ones)}};
   }
-  static __m512i dot(__m512i acc, const Weights& w, const __m512i* x) {
+  [[gnu::always_inline]] static __m512i dot(__m512i acc, const Weights& w, const __m512i* x) {
     return _mm512_dpbusd_epi32(_mm512_dpbusd_epi32(acc, w.v[0], x[0]), w.v[1], x[1]);
   }
-  static __m512i block_sums(__m512i set_sums, __m512i x_sums) {
+  [[gnu::always_inline]] static __m512i block_sums(__m512i set_sums, __m512i x_sums) {
     return _mm512_sub_epi32(_mm512_slli_epi32(set_sums, 1), x_sums);
   }
 };

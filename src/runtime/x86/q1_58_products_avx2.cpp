@@ -17,9 +17,9 @@ struct Q1_58Format {
   static constexpr CodeOrder kOrder = CodeOrder::natural;
   using Weights = avx2::TernaryCodes;
 
-  static Weights expand(const std::uint8_t* block) { return avx2::expand_ternary_group(block); }
-  static __m256i dot(__m256i acc, const Weights& w, const __m256i* x) { return avx2::dot_ternary_group(acc, w, x); }
-  static __m256i block_sums(__m256i dots, __m256i x_sums) { return _mm256_sub_epi32(dots, x_sums); }
+  [[gnu::always_inline]] static Weights expand(const std::uint8_t* block) { return avx2::expand_ternary_group(block); }
+  [[gnu::always_inline]] static __m256i dot(__m256i acc, const Weights& w, const __m256i* x) { return avx2::dot_ternary_group(acc, w, x); }
+  [[gnu::always_inline]] static __m256i block_sums(__m256i dots, __m256i x_sums) { return _mm256_sub_epi32(dots, x_sums); }
 };
 
 constexpr std::size_t kBlockBytes = sizeof(formats::BlockQ1_58);

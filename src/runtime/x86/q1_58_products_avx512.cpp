@@ -19,11 +19,11 @@ struct Q1_58Format {
   using Weights = avx512::TernaryCodes;
 
   template <int kBlocks>
-  static Weights expand(const std::uint8_t* block, std::size_t) {
+  [[gnu::always_inline]] static Weights expand(const std::uint8_t* block, std::size_t) {
     return avx512::expand_ternary_group(block);
   }
-  static __m512i dot(__m512i acc, const Weights& w, const __m512i* x) { return avx512::dot_ternary_group(acc, w, x); }
-  static __m512i block_sums(__m512i dots, __m512i x_sums) { return _mm512_sub_epi32(dots, x_sums); }
+  [[gnu::always_inline]] static __m512i dot(__m512i acc, const Weights& w, const __m512i* x) { return avx512::dot_ternary_group(acc, w, x); }
+  [[gnu::always_inline]] static __m512i block_sums(__m512i dots, __m512i x_sums) { return _mm512_sub_epi32(dots, x_sums); }
 };
 
 constexpr std::size_t kBlockBytes = sizeof(formats::BlockQ1_58);

@@ -25,15 +25,15 @@ struct Q8_0Format {
     __m256i magnitudes;
   };
 
-  static Weights expand(const std::uint8_t* block) {
+  [[gnu::always_inline]] static Weights expand(const std::uint8_t* block) {
     const __m256i codes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + 4));
     return {codes, _mm256_abs_epi8(codes)};
   }
-  static __m256i dot(__m256i acc, const Weights& w, const __m256i* x) {
+  [[gnu::always_inline]] static __m256i dot(__m256i acc, const Weights& w, const __m256i* x) {
     const __m256i products = _mm256_maddubs_epi16(w.magnitudes, _mm256_sign_epi8(x[0], w.codes));
     return _mm256_add_epi32(acc, avx2::widen_pairs(products));
   }
-  static __m256i block_sums(__m256i dots, __m256i) { return dots; }
+  [[gnu::always_inline]] static __m256i block_sums(__m256i dots, __m256i) { return dots; }
 };
 
 avx2::WeightRows plain_rows(const void* w, std::size_t rows, std::size_t k) {

@@ -26,7 +26,7 @@ struct Q8_0Format {
   };
 
   template <int kBlocks>
-  static Weights expand(const std::uint8_t* block, std::size_t block_step) {
+  [[gnu::always_inline]] static Weights expand(const std::uint8_t* block, std::size_t block_step) {
     const __m256i first = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + 4));
     const __m256i second = kBlocks == 2
                                ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + block_step + 4))
@@ -34,10 +34,10 @@ struct Q8_0Format {
     const __m512i both = _mm512_inserti64x4(_mm512_castsi256_si512(first), second, 1);
     return {_mm512_xor_si512(both, _mm512_set1_epi8(static_cast<char>(0x80)))};
   }
-  static __m512i dot(__m512i acc, const Weights& w, const __m512i* x) {
+  [[gnu::always_inline]] static __m512i dot(__m512i acc, const Weights& w, const __m512i* x) {
     return _mm512_dpbusd_epi32(acc, w.codes, x[0]);
   }
-  static __m512i block_sums(__m512i dots, __m512i x_sums) {
+  [[gnu::always_inline]] static __m512i block_sums(__m512i dots, __m512i x_sums) {
     return _mm512_sub_epi32(dots, _mm512_slli_epi32(x_sums, 7));
   }
 };

@@ -22,6 +22,7 @@ using formats::kTernaryGroupBytes;
 template <int kTokens>
 __m256 scale_in_double(__m256i sums, const double* scales) {
   alignas(32) double lane_scales[4];
+  #pragma GCC unroll 16
   for (int l = 0; l < 4; ++l) lane_scales[l] = scales[l % kTokens];
   const __m256d scale = _mm256_load_pd(lane_scales);
   const __m128 low = _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_cvtepi32_pd(_mm256_castsi256_si128(sums)), scale));
@@ -38,16 +39,21 @@ void ternary_pass(const std::uint8_t* w, std::size_t first, std::size_t n, std::
   const std::uint8_t* row[kRows];
   for (std::size_t r = 0; r < kRows; ++r) row[r] = w + (first + (r < n ? r : n - 1)) * row_bytes;
   __m256i partial[avx2::kLanes];
+  #pragma GCC unroll 16
   for (__m256i& p : partial) p = _mm256_setzero_si256();
   for (std::size_t g = 0; g < k / kTernaryGroup; ++g) {
     __m256i xv[kTokens][4];
+    #pragma GCC unroll 16
     for (int t = 0; t < kTokens; ++t) {
+      #pragma GCC unroll 16
       for (int i = 0; i < 4; ++i) {
         xv[t][i] = _mm256_load_si256(reinterpret_cast<const __m256i*>(x.codes[t] + g * kTernaryGroup + 32 * i));
       }
     }
+    #pragma GCC unroll 16
     for (int r = 0; r < kRows; ++r) {
       const avx2::TernaryCodes codes = avx2::expand_ternary_group(row[r] + g * kTernaryGroupBytes);
+      #pragma GCC unroll 16
       for (int t = 0; t < kTokens; ++t) {
         partial[r * kTokens + t] = avx2::dot_ternary_group(partial[r * kTokens + t], codes, xv[t]);
       }

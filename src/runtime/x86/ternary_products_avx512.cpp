@@ -21,6 +21,7 @@ using formats::kTernaryGroupBytes;
 template <int kTokens>
 __m512 scale_in_double(__m512i sums, const double* scales) {
   alignas(64) double lane_scales[8];
+  #pragma GCC unroll 16
   for (int l = 0; l < 8; ++l) lane_scales[l] = scales[l % kTokens];
   const __m512d scale = _mm512_load_pd(lane_scales);
   const __m256 low = _mm512_cvtpd_ps(_mm512_mul_pd(_mm512_cvtepi32_pd(_mm512_castsi512_si256(sums)), scale));
@@ -38,15 +39,19 @@ void ternary_pass(const std::uint8_t* w, std::size_t first, std::size_t n, std::
   const std::uint8_t* row[kRows];
   for (std::size_t r = 0; r < kRows; ++r) row[r] = w + (first + (r < n ? r : n - 1)) * row_bytes;
   __m512i partial[avx512::kLanes];
+  #pragma GCC unroll 16
   for (__m512i& p : partial) p = _mm512_setzero_si512();
   for (std::size_t g = 0; g < k / kTernaryGroup; ++g) {
     __m512i xv[kTokens][2];
+    #pragma GCC unroll 16
     for (int t = 0; t < kTokens; ++t) {
       xv[t][0] = _mm512_load_si512(x.codes[t] + g * kTernaryGroup);
       xv[t][1] = _mm512_load_si512(x.codes[t] + g * kTernaryGroup + 64);
     }
+    #pragma GCC unroll 16
     for (int r = 0; r < kRows; ++r) {
       const avx512::TernaryCodes codes = avx512::expand_ternary_group(row[r] + g * kTernaryGroupBytes);
+      #pragma GCC unroll 16
       for (int t = 0; t < kTokens; ++t) {
         partial[r * kTokens + t] = avx512::dot_ternary_group(partial[r * kTokens + t], codes, xv[t]);
       }

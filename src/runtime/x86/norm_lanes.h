@@ -1,0 +1,89 @@
+// RMS normalization of bf16 rows on a vector of any width V (a lane
+// vocabulary such as avx2::F32x8).
+//
+// The sum of squares keeps the portable order exactly: element i goes to
+// lane i mod 4 with a fused multiply-add, so each row's four lanes are one
+// 128-bit accumulator, and the lanes merge as (l0 + l1) + (l2 + l3). That
+// chain cannot be split further without changing the result; what can be
+// gained is running the chains of several rows side by side. The scaling
+// step y = (x * inv) * w is elementwise and takes the full width.
+#pragma once
+
+#include <cstddef>
+
+#include "runtime/bf16.h"
+#include "runtime/x86/intrinsics.h"
+#include "runtime/x86/lane_loops.h"
+
+namespace quorvel::kernels::x86::lanes {
+
+// Rows whose sums of squares run side by side.
+inline constexpr std::size_t kNormRowsTogether = 4;
+
+// inv[r] = 1 / sqrt(eps + sum_sq / dim) of kRows consecutive rows of dim
+// (a multiple of 4) values. V only keeps each instruction set's copy apart.
+template <typename V, std::size_t kRows>
+void inverse_rms(const bf16* x, std::size_t dim, float eps, float (&inv)[kRows]) {
+  const __m128i zero = _mm_setzero_si128();
+  __m128 acc[kRows];
+  for (std::size_t r = 0; r < kRows; ++r) acc[r] = _mm_setzero_ps();
+  std::size_t i = 0;
+  for (; i + 8 <= dim; i += 8) {
+    for (std::size_t r = 0; r < kRows; ++r) {
+      const __m128i eight = _mm_loadu_si128(reinterpret_cast<const __m128i*>(x + r * dim + i));
+      const __m128 first = _mm_castsi128_ps(_mm_unpacklo_epi16(zero, eight));
+      const __m128 second = _mm_castsi128_ps(_mm_unpackhi_epi16(zero, eight));
+      acc[r] = _mm_fmadd_ps(first, first, acc[r]);
+      acc[r] = _mm_fmadd_ps(second, second, acc[r]);
+    }
+  }
+  if (i < dim) {  // the last four
+    for (std::size_t r = 0; r < kRows; ++r) {
+      const __m128i four = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(x + r * dim + i));
+      const __m128 values = _mm_castsi128_ps(_mm_unpacklo_epi16(zero, four));
+      acc[r] = _mm_fmadd_ps(values, values, acc[r]);
+    }
+  }
+  for (std::size_t r = 0; r < kRows; ++r) {
+    alignas(16) float lane[4];
+    _mm_store_ps(lane, acc[r]);
+    const float sum = (lane[0] + lane[1]) + (lane[2] + lane[3]);
+    const float mean = sum / static_cast<float>(dim);
+    inv[r] = 1.0f / __builtin_sqrtf(eps + mean);
+  }
+}
+
+// x = narrow((x * inv) * weight) over one row.
+template <typename V>
+void scale_row(bf16* x, const bf16* weight, std::size_t dim, float inv) {
+  const auto factor = V::set1(inv);
+  for_each_vector<V>(dim, [&](std::size_t i, std::size_t count) {
+    store_bf16<V>(x + i, (load_bf16<V>(x + i, count) * factor) * load_bf16<V>(weight + i, count), count);
+  });
+}
+
+// Normalizes kRows consecutive rows in place, then hands each row to
+// row_done(row index within the group).
+template <typename V, std::size_t kRows, typename RowDone>
+void rms_norm_group(bf16* x, const bf16* weight, std::size_t dim, float eps, RowDone row_done) {
+  float inv[kRows];
+  inverse_rms<V, kRows>(x, dim, eps, inv);
+  for (std::size_t r = 0; r < kRows; ++r) {
+    scale_row<V>(x + r * dim, weight, dim, inv[r]);
+    row_done(r);
+  }
+}
+
+// rows rows of dim values, in groups of kNormRowsTogether and then one by one.
+template <typename V, typename RowDone>
+void rms_norm_rows(bf16* x, const bf16* weight, std::size_t rows, std::size_t dim, float eps, RowDone row_done) {
+  std::size_t row = 0;
+  for (; row + kNormRowsTogether <= rows; row += kNormRowsTogether) {
+    rms_norm_group<V, kNormRowsTogether>(x + row * dim, weight, dim, eps, [&](std::size_t r) { row_done(row + r); });
+  }
+  for (; row < rows; ++row) {
+    rms_norm_group<V, 1>(x + row * dim, weight, dim, eps, [&](std::size_t) { row_done(row); });
+  }
+}
+
+}  // namespace quorvel::kernels::x86::lanes
