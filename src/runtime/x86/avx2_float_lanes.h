@@ -36,9 +36,7 @@ struct F32x8 {
   static void store(float* p, Reg v) { _mm256_storeu_ps(p, v); }
   static void store(float* p, Reg v, std::size_t n) { _mm256_maskstore_ps(p, lanes_below(n), v); }
 
-  static Reg widen(__m128i halves) {
-    return _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_cvtepu16_epi32(halves), 16));
-  }
+  static Reg widen(__m128i halves) { return _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_cvtepu16_epi32(halves), 16)); }
   static Reg load_bf16(const bf16* p) { return widen(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))); }
   static Reg load_bf16(const bf16* p, std::size_t n) {
     alignas(16) std::uint16_t part[kWidth] = {};
@@ -50,8 +48,7 @@ struct F32x8 {
   static __m128i narrow(Reg v) {
     v = _mm256_min_ps(set1(kBf16Max), v);
     v = _mm256_max_ps(set1(-kBf16Max), v);
-    const __m256i halves =
-        _mm256_srli_epi32(_mm256_add_epi32(_mm256_castps_si256(v), _mm256_set1_epi32(0x8000)), 16);
+    const __m256i halves = _mm256_srli_epi32(_mm256_add_epi32(_mm256_castps_si256(v), _mm256_set1_epi32(0x8000)), 16);
     return _mm_packus_epi32(_mm256_castsi256_si128(halves), _mm256_extracti128_si256(halves, 1));
   }
   static void store_bf16(bf16* p, Reg v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), narrow(v)); }

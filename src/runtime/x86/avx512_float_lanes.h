@@ -30,9 +30,7 @@ struct F32x16 {
   static void store(float* p, Reg v) { _mm512_storeu_ps(p, v); }
   static void store(float* p, Reg v, std::size_t n) { _mm512_mask_storeu_ps(p, lanes_below(n), v); }
 
-  static Reg widen(__m256i halves) {
-    return _mm512_castsi512_ps(_mm512_slli_epi32(_mm512_cvtepu16_epi32(halves), 16));
-  }
+  static Reg widen(__m256i halves) { return _mm512_castsi512_ps(_mm512_slli_epi32(_mm512_cvtepu16_epi32(halves), 16)); }
   static Reg load_bf16(const bf16* p) { return widen(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p))); }
   static Reg load_bf16(const bf16* p, std::size_t n) { return widen(_mm256_maskz_loadu_epi16(lanes_below(n), p)); }
 
@@ -50,7 +48,9 @@ struct F32x16 {
   static Reg min(Reg a, Reg b) { return _mm512_min_ps(a, b); }
   static Reg max(Reg a, Reg b) { return _mm512_max_ps(a, b); }
   static Reg floor(Reg v) { return _mm512_roundscale_ps(v, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
-  static Reg abs(Reg v) { return _mm512_castsi512_ps(_mm512_and_si512(_mm512_castps_si512(v), _mm512_set1_epi32(0x7FFFFFFF))); }
+  static Reg abs(Reg v) {
+    return _mm512_castsi512_ps(_mm512_and_si512(_mm512_castps_si512(v), _mm512_set1_epi32(0x7FFFFFFF)));
+  }
   static Reg zero_nan(Reg v) { return _mm512_maskz_mov_ps(_mm512_cmp_ps_mask(v, v, _CMP_ORD_Q), v); }
   static Reg round_even(Reg v) { return _mm512_roundscale_ps(v, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC); }
   static Reg pow2(Reg n) {

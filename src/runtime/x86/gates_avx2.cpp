@@ -1,6 +1,6 @@
 // The gated activations and the residual add in eight f32 lanes.
-#include "runtime/x86/avx2_kernels.h"
 #include "runtime/x86/avx2_float_lanes.h"
+#include "runtime/x86/avx2_kernels.h"
 #include "runtime/x86/gate_lanes.h"
 
 namespace quorvel::kernels::x86 {

@@ -1,6 +1,6 @@
 // The gated activations and the residual add in sixteen f32 lanes.
-#include "runtime/x86/avx512_kernels.h"
 #include "runtime/x86/avx512_float_lanes.h"
+#include "runtime/x86/avx512_kernels.h"
 #include "runtime/x86/gate_lanes.h"
 
 namespace quorvel::kernels::x86 {

@@ -1,7 +1,7 @@
 // RMS normalization, alone and followed by the activation quantizer, with
 // the scaling in sixteen f32 lanes.
-#include "runtime/x86/avx512_kernels.h"
 #include "runtime/x86/avx512_float_lanes.h"
+#include "runtime/x86/avx512_kernels.h"
 #include "runtime/x86/norm_lanes.h"
 #include "runtime/x86/quantize_lanes.h"
 
@@ -15,7 +15,7 @@ void Avx512Kernels::rms_norm_bf16(bf16* x, const bf16* weight, size_t rows, size
 // normalized, while it is still in cache: the same result as rms_norm_bf16
 // followed by quantize_rows_i8.
 void Avx512Kernels::rms_norm_quantize_i8(bf16* x, const bf16* weight, std::int8_t* q, float* scales, size_t rows,
-                                          size_t dim, float eps) const {
+                                         size_t dim, float eps) const {
   lanes::rms_norm_rows<avx512::F32x16>(x, weight, rows, dim, eps, [&](size_t row) {
     scales[row] = lanes::quantize_row_i8<avx512::F32x16>(x + row * dim, dim, q + row * dim);
   });

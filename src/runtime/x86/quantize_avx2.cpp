@@ -1,7 +1,7 @@
 // The activation quantizer (run on every projection input) and the q8_0
 // quantizer (run at load over whole weight tables) in eight f32 lanes.
-#include "runtime/x86/avx2_kernels.h"
 #include "runtime/x86/avx2_float_lanes.h"
+#include "runtime/x86/avx2_kernels.h"
 #include "runtime/x86/quantize_lanes.h"
 
 namespace quorvel::kernels::x86 {

@@ -28,9 +28,8 @@ void store_codes(std::int8_t* q, typename V::Reg codes, std::size_t count) {
 template <typename V>
 float largest_magnitude(const bf16* x, std::size_t n, float floor) {
   auto lanes = V::set1(floor);
-  for_each_vector<V>(n, [&](std::size_t i, std::size_t count) {
-    lanes = V::max(V::abs(load_bf16<V>(x + i, count)), lanes);
-  });
+  for_each_vector<V>(
+      n, [&](std::size_t i, std::size_t count) { lanes = V::max(V::abs(load_bf16<V>(x + i, count)), lanes); });
   return V::max_lane(lanes);
 }
 

@@ -1,0 +1,220 @@
+// Conformance of the non-product operations of every SIMD kernel set with
+// the portable set: norms, quantizers, rotary embedding, gates, add,
+// attention, the bf16 row dot product, the q1 dequantizers and the LoRA side
+// products give identical bytes over named edge sizes (one vector, a tail,
+// many vectors plus a tail, odd row counts, the attention block boundaries),
+// at unaligned sub-range pointers, and on extreme values: zeros, values that
+// overflow the bf16 range, infinities, and exact rounding ties.
+#include <cmath>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "conformance_support.h"
+#include "runtime/formats/q8_0.h"
+#include "kernel_test_inputs.h"
+
+namespace quorvel::test {
+namespace {
+
+using kernels::KernelBase;
+
+// Rows start this many elements into their buffer, so that every pointer a
+// kernel gets is off its 128-byte alignment, and the margins on both sides
+// show writes outside the range.
+constexpr std::size_t kOffset = 3;
+
+std::string sizes(const char* op, std::size_t rows, std::size_t dim) {
+  return std::string(op) + " rows=" + std::to_string(rows) + " dim=" + std::to_string(dim);
+}
+
+// Replaces some elements of a bf16 buffer with the values that stress the
+// float steps: zeros of both signs, infinities, values at and beyond the
+// bf16 range, subnormals. Every `every`-th element, cycling through them.
+void plant_extremes(std::vector<bf16>& values, std::size_t every) {
+  const float extremes[] = {0.0f,   -0.0f,    std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
+                            3.0e38f, -3.0e38f, 1.0e-39f, 100.0f, -100.0f};
+  std::size_t k = 0;
+  for (std::size_t i = 0; i < values.size(); i += every, ++k) {
+    values[i] = narrow_saturate(extremes[k % std::size(extremes)]);
+  }
+}
+
+class ElementwiseConformance : public KernelConformanceTest {
+ protected:
+  // A buffer of kOffset + n + kOffset values with random contents.
+  std::vector<bf16> padded_row(std::size_t n, float magnitude) {
+    return inputs_.bf16_row(n + 2 * kOffset, magnitude);
+  }
+
+  KernelInputs inputs_{7u};
+};
+
+// ---- Norms and quantizers ----
+
+TEST_P(ElementwiseConformance, RmsNormOverDimsAndRowCounts) {
+  for (std::size_t dim : {4, 12, 128, 132, 2048, 2560, 6912, 8192}) {
+    for (std::size_t rows = 1; rows <= 9; ++rows) {
+      const std::vector<bf16> weight = inputs_.bf16_row(dim, 2.0f);
+      std::vector<bf16> expected = padded_row(rows * dim, 3.0f);
+      if (rows == 7) plant_extremes(expected, 11);
+      std::vector<bf16> actual = expected;
+      portable().rms_norm_bf16(expected.data() + kOffset, weight.data(), rows, dim, 1e-6f);
+      simd().rms_norm_bf16(actual.data() + kOffset, weight.data(), rows, dim, 1e-6f);
+      expect_identical(expected, actual, sizes("rms_norm_bf16", rows, dim));
+    }
+  }
+}
+
+// Rows of zeros (inv = 1000), rows whose squares overflow to infinity, and
+// outputs beyond the bf16 range that must clamp.
+TEST_P(ElementwiseConformance, RmsNormOnZeroAndOverflowingRows) {
+  const std::size_t dim = 256;
+  std::vector<bf16> weight(dim, narrow_saturate(3.0e38f));
+  std::vector<bf16> expected(3 * dim, bf16{0});
+  for (std::size_t i = dim; i < 2 * dim; ++i) expected[i] = narrow_saturate(i % 2 ? 2.0e30f : -1.0f);
+  for (std::size_t i = 2 * dim; i < 3 * dim; ++i) expected[i] = narrow_saturate(i % 3 ? 0.5f : -4.0f);
+  std::vector<bf16> actual = expected;
+  portable().rms_norm_bf16(expected.data(), weight.data(), 3, dim, 1e-6f);
+  simd().rms_norm_bf16(actual.data(), weight.data(), 3, dim, 1e-6f);
+  expect_identical(expected, actual, "rms_norm_bf16 zero, overflowing and clamped rows");
+}
+
+TEST_P(ElementwiseConformance, RmsNormQuantizeOverDimsAndRowCounts) {
+  for (std::size_t dim : {4, 128, 132, 2048, 2560, 8192}) {
+    for (std::size_t rows = 1; rows <= 9; ++rows) {
+      const std::vector<bf16> weight = inputs_.bf16_row(dim, 1.5f);
+      std::vector<bf16> x_expected = padded_row(rows * dim, 2.0f);
+      if (rows == 5) plant_extremes(x_expected, 13);
+      std::vector<bf16> x_actual = x_expected;
+      std::vector<std::int8_t> q_expected = sentinel_buffer<std::int8_t>(rows * dim + 2 * kOffset);
+      std::vector<std::int8_t> q_actual = q_expected;
+      std::vector<float> scales_expected = sentinel_buffer<float>(rows + 2), scales_actual = scales_expected;
+      portable().rms_norm_quantize_i8(x_expected.data() + kOffset, weight.data(), q_expected.data() + kOffset,
+                                      scales_expected.data() + 1, rows, dim, 1e-5f);
+      simd().rms_norm_quantize_i8(x_actual.data() + kOffset, weight.data(), q_actual.data() + kOffset,
+                                  scales_actual.data() + 1, rows, dim, 1e-5f);
+      const std::string what = sizes("rms_norm_quantize_i8", rows, dim);
+      expect_identical(x_expected, x_actual, what + " rows");
+      expect_identical(q_expected, q_actual, what + " codes");
+      expect_identical(scales_expected, scales_actual, what + " scales");
+    }
+  }
+}
+
+// Any row length (the quantizer has no multiple to keep), rows of zeros (the
+// 1e-5 floor), rows with infinities (NaN products give code 0), and exact
+// ties: with amax 127 the multiplier is 1 and k + 0.5 must round to even.
+TEST_P(ElementwiseConformance, QuantizeRowsI8) {
+  auto check = [&](const std::vector<bf16>& x, std::size_t rows, std::size_t dim, const std::string& what) {
+    std::vector<std::int8_t> q_expected = sentinel_buffer<std::int8_t>(rows * dim + 2 * kOffset), q_actual = q_expected;
+    std::vector<float> scales_expected = sentinel_buffer<float>(rows + 2), scales_actual = scales_expected;
+    portable().quantize_rows_i8(x.data() + kOffset, q_expected.data() + kOffset, scales_expected.data() + 1, rows, dim);
+    simd().quantize_rows_i8(x.data() + kOffset, q_actual.data() + kOffset, scales_actual.data() + 1, rows, dim);
+    expect_identical(q_expected, q_actual, what + " codes");
+    expect_identical(scales_expected, scales_actual, what + " scales");
+  };
+  for (std::size_t dim : {1, 7, 8, 9, 15, 16, 17, 31, 33, 128, 2048, 2050, 8192}) {
+    for (std::size_t rows : {1, 2, 3, 5}) {
+      std::vector<bf16> x = padded_row(rows * dim, 4.0f);
+      check(x, rows, dim, sizes("quantize_rows_i8", rows, dim));
+      plant_extremes(x, 5);
+      check(x, rows, dim, sizes("quantize_rows_i8 extremes", rows, dim));
+    }
+  }
+  std::vector<bf16> ties(2 * kOffset + 300, bf16{0});
+  for (std::size_t i = 0; i < 254; ++i) ties[kOffset + i] = narrow_saturate(static_cast<float>(i) * 0.5f - 63.5f);
+  ties[kOffset + 254] = narrow_saturate(127.0f);
+  check(ties, 1, 255, "quantize_rows_i8 ties");
+  check(ties, 1, 300, "quantize_rows_i8 zero tail");
+}
+
+// Whole blocks, a single short block, blocks plus a tail; all-zero blocks
+// (d = 0, code bytes left as they were), infinities and ties.
+TEST_P(ElementwiseConformance, QuantizeRowsQ8_0) {
+  for (std::size_t cols : {32, 20, 40, 64, 100, 1000, 2560, 4113}) {
+    for (std::size_t rows : {1, 2, 3}) {
+      for (bool extreme : {false, true}) {
+        std::vector<bf16> x = padded_row(rows * cols, 2.0f);
+        if (extreme) {
+          plant_extremes(x, 7);
+          for (std::size_t i = kOffset; i < kOffset + 32 && i < kOffset + cols; ++i) x[i] = bf16{0};
+        }
+        const std::size_t bytes = rows * ((cols + 31) / 32) * sizeof(formats::BlockQ8_0);
+        std::vector<std::uint8_t> expected = sentinel_buffer<std::uint8_t>(bytes), actual = expected;
+        portable().quantize_rows_q8_0(x.data() + kOffset, rows, cols, expected.data());
+        simd().quantize_rows_q8_0(x.data() + kOffset, rows, cols, actual.data());
+        expect_identical(expected, actual, sizes("quantize_rows_q8_0", rows, cols) + (extreme ? " extremes" : ""));
+      }
+    }
+  }
+}
+
+// ---- Rotary embedding, gates and add ----
+
+// Half-widths of 4 (below one vector), 32 and 64 (the real head sizes) and
+// 36 (vectors plus a tail); rows of one head inside rows of three heads, as
+// the layer passes them.
+TEST_P(ElementwiseConformance, RopeOverHeadSizesAndRows) {
+  for (std::size_t dim : {0, 1, 8, 64, 72, 128}) {
+    for (std::size_t rows = 1; rows <= 9; ++rows) {
+      const std::size_t stride = 3 * dim + 1;
+      const std::vector<float> cos = inputs_.f32_row(rows * dim + 1, -1.0f, 1.0f);
+      const std::vector<float> sin = inputs_.f32_row(rows * dim + 1, -1.0f, 1.0f);
+      std::vector<bf16> expected = padded_row(rows * stride + dim, 50.0f);
+      if (rows == 4) plant_extremes(expected, 9);
+      std::vector<bf16> actual = expected;
+      // The second head of each row, and tables one float past their start.
+      portable().rope_bf16(expected.data() + kOffset + dim, cos.data() + 1, sin.data() + 1, rows, stride, dim);
+      simd().rope_bf16(actual.data() + kOffset + dim, cos.data() + 1, sin.data() + 1, rows, stride, dim);
+      expect_identical(expected, actual, sizes("rope_bf16", rows, dim));
+    }
+  }
+}
+
+// Gates from -100 to 100 reach both clamps of the exponential (-gate above
+// 88 and below -87); planted infinities and overflowing products clamp.
+TEST_P(ElementwiseConformance, GatedActivations) {
+  using Gate = void (KernelBase::*)(const bf16*, bf16*, size_t, size_t) const;
+  const std::pair<const char*, Gate> gates[] = {{"silu_mul_bf16", &KernelBase::silu_mul_bf16},
+                                                {"relu2_mul_bf16", &KernelBase::relu2_mul_bf16}};
+  for (const auto& [name, gate_op] : gates) {
+    for (std::size_t dim : {4, 12, 128, 6912}) {
+      for (std::size_t rows = 1; rows <= 9; ++rows) {
+        std::vector<bf16> gate = padded_row(rows * dim, 100.0f);
+        std::vector<bf16> expected = padded_row(rows * dim, 4.0f);
+        if (rows == 3) {
+          plant_extremes(gate, 7);
+          plant_extremes(expected, 5);
+        }
+        std::vector<bf16> actual = expected;
+        (portable().*gate_op)(gate.data() + kOffset, expected.data() + kOffset, rows, dim);
+        (simd().*gate_op)(gate.data() + kOffset, actual.data() + kOffset, rows, dim);
+        expect_identical(expected, actual, sizes(name, rows, dim));
+      }
+    }
+  }
+}
+
+// Every tail length up to five AVX-512 vectors, and a long row; sums beyond
+// the bf16 range clamp to the largest finite value.
+TEST_P(ElementwiseConformance, AddOverEveryTailLength) {
+  std::vector<std::size_t> lengths;
+  for (std::size_t n = 1; n <= 40; ++n) lengths.push_back(n);
+  lengths.push_back(8192 + 5);
+  for (std::size_t n : lengths) {
+    std::vector<bf16> src = padded_row(n, 3.0e38f);
+    std::vector<bf16> expected = padded_row(n, 3.0e38f);
+    if (n > 20) plant_extremes(src, 3);
+    std::vector<bf16> actual = expected;
+    portable().add_bf16(src.data() + kOffset, expected.data() + kOffset, n);
+    simd().add_bf16(src.data() + kOffset, actual.data() + kOffset, n);
+    expect_identical(expected, actual, sizes("add_bf16", 1, n));
+  }
+}
+
+INSTANTIATE_KERNEL_CONFORMANCE(ElementwiseConformance);
+
+}  // namespace
+}  // namespace quorvel::test
