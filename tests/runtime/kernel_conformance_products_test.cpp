@@ -5,6 +5,7 @@
 // unaligned sub-range pointers, random and extreme scales.
 #include <cmath>
 #include <limits>
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -158,22 +159,29 @@ TEST_P(ProductConformance, RowsBeyondThePreparedLengthStillAgree) {
   check_gemm("gemm_q1_58", &KernelBase::gemm_q1_58, kQ1_58Layout, 5, 3, 16384 + 128);
 }
 
-// The grouped q8_0 logits table: whole groups of 32 rows, a range starting
-// at a later group (as a worker's share does), partial tail blocks.
-TEST_P(ProductConformance, Q8_0GroupedLogits) {
-  for (std::size_t k : {32, 40, 100, 1024, 2560, 2561}) {
-    for (std::size_t groups : {1, 2, 3}) {
-      for (bool extreme : {false, true}) {
-        const std::size_t rows = groups * 32;
-        std::vector<std::uint8_t> table = random_block_rows(kQ8_0Layout, rows + 32, k, seed_++);
-        if (extreme) set_extreme_scales(kQ8_0Layout, table);
-        const Activations x = make_activations(1, k, seed_++);
-        const std::uint8_t* w = table.data() + 32 * kQ8_0Layout.row_bytes(k);  // starts at the second group
-        std::vector<float> expected = sentinel_buffer<float>(rows + 2 * kMargin);
-        std::vector<float> actual = expected;
-        portable().gemv_q8_0_f32(w, x.codes(), x.scales[0], expected.data() + kMargin, rows, k);
-        simd().gemv_q8_0_f32(w, x.codes(), x.scales[0], actual.data() + kMargin, rows, k);
-        expect_identical(expected, actual, case_name("gemv_q8_0_f32", rows, k, 32) + (extreme ? " extreme" : ""));
+// The grouped logits tables (q8_0, q4_0, q5_0): whole groups of 32 rows, a
+// range starting at a later group (as a worker's share does), partial tail
+// blocks whose unused code bytes hold garbage.
+TEST_P(ProductConformance, GroupedLogits) {
+  const std::pair<const BlockLayout*, Gemv<float>> formats[] = {{&kQ8_0Layout, &KernelBase::gemv_q8_0_f32},
+                                                                {&kQ4_0Layout, &KernelBase::gemv_q4_0_f32},
+                                                                {&kQ5_0Layout, &KernelBase::gemv_q5_0_f32}};
+  for (const auto& [layout, gemv] : formats) {
+    for (std::size_t k : {32, 40, 100, 1024, 2560, 2561}) {
+      for (std::size_t groups : {1, 2, 3}) {
+        for (bool extreme : {false, true}) {
+          const std::size_t rows = groups * 32;
+          std::vector<std::uint8_t> table = random_block_rows(*layout, rows + 32, k, seed_++);
+          if (extreme) set_extreme_scales(*layout, table);
+          const Activations x = make_activations(1, k, seed_++);
+          const std::uint8_t* w = table.data() + 32 * layout->row_bytes(k);  // starts at the second group
+          std::vector<float> expected = sentinel_buffer<float>(rows + 2 * kMargin);
+          std::vector<float> actual = expected;
+          (portable().*gemv)(w, x.codes(), x.scales[0], expected.data() + kMargin, rows, k);
+          (simd().*gemv)(w, x.codes(), x.scales[0], actual.data() + kMargin, rows, k);
+          expect_identical(expected, actual,
+                           std::string(layout->name) + case_name(" logits", rows, k, 32) + (extreme ? " extreme" : ""));
+        }
       }
     }
   }

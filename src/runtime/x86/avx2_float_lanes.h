@@ -93,6 +93,30 @@ struct F32x8 {
     __builtin_memcpy(q, part, n);
   }
 
+  // The four-lane dot products (attention scores, dot_rows_bf16) keep each
+  // row's four lanes in one 128-bit quarter of a vector: quarter j of a
+  // vector built from row[m] holds row[m + 4 * j].
+  static constexpr std::size_t kQuarters = 2;
+  using Ints = __m256i;
+  static Ints rows_eight(const bf16* const* row, std::size_t i) {
+    const __m128i low = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row[0] + i));
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(low), _mm_loadu_si128(reinterpret_cast<const __m128i*>(row[4] + i)), 1);
+  }
+  static Ints broadcast_eight(const bf16* p) {
+    return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+  }
+  // Widened elements 0-3 and 4-7 of each quarter's eight bf16.
+  static Reg first_four(Ints v) { return _mm256_castsi256_ps(_mm256_unpacklo_epi16(_mm256_setzero_si256(), v)); }
+  static Reg second_four(Ints v) { return _mm256_castsi256_ps(_mm256_unpackhi_epi16(_mm256_setzero_si256(), v)); }
+  // Lane 4 * j + m of the result = ((l0 + l1) + l2) + l3 of quarter j of a[m].
+  static Reg merge_lanes(const Reg (&a)[4]) {
+    const Reg low01 = _mm256_unpacklo_ps(a[0], a[1]), low23 = _mm256_unpacklo_ps(a[2], a[3]);
+    const Reg high01 = _mm256_unpackhi_ps(a[0], a[1]), high23 = _mm256_unpackhi_ps(a[2], a[3]);
+    const Reg l0 = _mm256_shuffle_ps(low01, low23, 0x44), l1 = _mm256_shuffle_ps(low01, low23, 0xEE);
+    const Reg l2 = _mm256_shuffle_ps(high01, high23, 0x44), l3 = _mm256_shuffle_ps(high01, high23, 0xEE);
+    return ((l0 + l1) + l2) + l3;
+  }
+
  private:
   static __m256i lanes_below(std::size_t n) {
     return _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(n)), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));

@@ -42,6 +42,16 @@ inline constexpr int kLanes = 8;
 // eight 32-bit lanes: the exact dot sums of four bytes per lane.
 [[gnu::always_inline]] inline __m256i widen_pairs(__m256i pair_sums) { return _mm256_madd_epi16(pair_sums, _mm256_set1_epi16(1)); }
 
+// Byte i = bit i of `word` (0 or 1), for i in 0..31: a shuffle brings byte
+// i / 8 of the word to byte i, a mask isolates bit i % 8.
+[[gnu::always_inline]] inline __m256i word_bits_as_bytes(std::uint32_t word) {
+  const __m256i byte_of_bit = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1,  //
+                                               2, 2, 2, 2, 2, 2, 2, 2, 3, 3, 3, 3, 3, 3, 3, 3);
+  const __m256i bit_of_byte = _mm256_set1_epi64x(static_cast<long long>(0x8040201008040201ull));
+  const __m256i bytes = _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(word)), byte_of_bit);
+  return _mm256_min_epu8(_mm256_and_si256(bytes, bit_of_byte), _mm256_set1_epi8(1));
+}
+
 // The nearest-even bf16 rule on eight floats: NaN keeps its upper half with
 // the quiet bit set; everything else rounds half to even, no clamp.
 [[gnu::always_inline]] inline __m128i narrow_nearest_even(__m256 v) {

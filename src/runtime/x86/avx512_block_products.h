@@ -24,6 +24,7 @@
 #include <cstdint>
 
 #include "runtime/x86/avx512_lanes.h"
+#include "runtime/formats/unembed_layout.h"
 #include "runtime/x86/prepared_activations.h"
 
 namespace quorvel::kernels::x86::avx512 {
@@ -145,6 +146,25 @@ void block_products(const WeightRows& w, const std::int8_t* x, const float* x_sc
     if (tokens == 2) block_rows<Format, 2>(w, prepared, token_out, out_stride);
     if (tokens == 1) block_rows<Format, 1>(w, prepared, token_out, out_stride);
   });
+}
+
+// Logits over a table grouped by 32 rows (formats/unembed_layout.h): within
+// a group, row r's block b is block b * 32 + r, so each group is a WeightRows
+// of its own. rows is a multiple of 32 in use; a shorter last group is taken
+// as it comes.
+template <typename Format>
+void grouped_logits(const void* w, const std::int8_t* x, float x_scale, float* out, std::size_t rows, std::size_t k) {
+  using formats::kUnembedGroupRows;
+  const std::size_t blocks = (k + Format::kValues - 1) / Format::kValues;
+  const std::size_t group_bytes = kUnembedGroupRows * blocks * Format::kBlockBytes;
+  PreparedActivations prepared;
+  prepare_activations(prepared, x, &x_scale, 1, k, Format::kValues, Format::kOrder);
+  for (std::size_t r = 0; r < rows; r += kUnembedGroupRows) {
+    const WeightRows group{static_cast<const std::uint8_t*>(w) + r / kUnembedGroupRows * group_bytes,
+                           Format::kBlockBytes, kUnembedGroupRows * Format::kBlockBytes,
+                           rows - r < kUnembedGroupRows ? rows - r : kUnembedGroupRows};
+    block_rows<Format, 1>(group, prepared, out + r, 0);
+  }
 }
 
 }  // namespace quorvel::kernels::x86::avx512

@@ -1,6 +1,6 @@
 // Sixteen f32 lanes on AVX-512: the same vocabulary as avx2::F32x8 (see
 // avx2_float_lanes.h for the rules every member keeps), with masked loads and
-// stores for partial vectors.
+// stores for partial vectors and four 128-bit quarters where F32x8 has two.
 //
 // Included only by *_avx512.cpp files; everything sits in namespace avx512 so
 // that no inline function compiled with the AVX-512 flags can stand in for
@@ -66,6 +66,28 @@ struct F32x16 {
   static void store_codes(std::int8_t* q, Reg v, std::size_t n) {
     _mm512_mask_cvtepi32_storeu_epi8(q, lanes_below(n), _mm512_cvtps_epi32(v));
   }
+
+  static constexpr std::size_t kQuarters = 4;
+  using Ints = __m512i;
+  static Ints rows_eight(const bf16* const* row, std::size_t i) {
+    __m512i v = _mm512_castsi128_si512(load_eight(row[0] + i));
+    v = _mm512_inserti32x4(v, load_eight(row[4] + i), 1);
+    v = _mm512_inserti32x4(v, load_eight(row[8] + i), 2);
+    return _mm512_inserti32x4(v, load_eight(row[12] + i), 3);
+  }
+  static Ints broadcast_eight(const bf16* p) { return _mm512_broadcast_i32x4(load_eight(p)); }
+  static Reg first_four(Ints v) { return _mm512_castsi512_ps(_mm512_unpacklo_epi16(_mm512_setzero_si512(), v)); }
+  static Reg second_four(Ints v) { return _mm512_castsi512_ps(_mm512_unpackhi_epi16(_mm512_setzero_si512(), v)); }
+  static Reg merge_lanes(const Reg (&a)[4]) {
+    const Reg low01 = _mm512_unpacklo_ps(a[0], a[1]), low23 = _mm512_unpacklo_ps(a[2], a[3]);
+    const Reg high01 = _mm512_unpackhi_ps(a[0], a[1]), high23 = _mm512_unpackhi_ps(a[2], a[3]);
+    const Reg l0 = _mm512_shuffle_ps(low01, low23, 0x44), l1 = _mm512_shuffle_ps(low01, low23, 0xEE);
+    const Reg l2 = _mm512_shuffle_ps(high01, high23, 0x44), l3 = _mm512_shuffle_ps(high01, high23, 0xEE);
+    return ((l0 + l1) + l2) + l3;
+  }
+
+ private:
+  static __m128i load_eight(const bf16* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 };
 
 }  // namespace quorvel::kernels::x86::avx512

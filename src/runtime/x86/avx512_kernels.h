@@ -46,6 +46,10 @@ class Avx512Kernels : public PortableKernels {
                    size_t rows, size_t k) const override;
   void gemv_q8_0_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
                      size_t k) const override;
+  void gemv_q4_0_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
+                     size_t k) const override;
+  void gemv_q5_0_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
+                     size_t k) const override;
 
   // Norms, quantizers, rotary embedding, gates and the residual add
   // (norms_avx512.cpp, quantize_avx512.cpp, rope_avx512.cpp, gates_avx512.cpp).

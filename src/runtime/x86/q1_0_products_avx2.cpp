@@ -13,15 +13,6 @@
 namespace quorvel::kernels::x86 {
 namespace {
 
-// 1 where bit i of a 32-bit sign word is set, 0 elsewhere, for i in 0..31.
-[[gnu::always_inline]] inline __m256i sign_word_bits(std::uint32_t word) {
-  const __m256i byte_of_bit = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1,  //
-                                               2, 2, 2, 2, 2, 2, 2, 2, 3, 3, 3, 3, 3, 3, 3, 3);
-  const __m256i bit_of_byte = _mm256_set1_epi64x(static_cast<long long>(0x8040201008040201ull));
-  const __m256i bytes = _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(word)), byte_of_bit);
-  return _mm256_min_epu8(_mm256_and_si256(bytes, bit_of_byte), _mm256_set1_epi8(1));
-}
-
 struct Q1_0Format {
   static constexpr std::size_t kValues = formats::BlockQ1_0::kValues;
   static constexpr int kActivationVectors = 4;
@@ -39,7 +30,7 @@ struct Q1_0Format {
     for (int i = 0; i < 4; ++i) {
       std::uint32_t word;
       std::memcpy(&word, block + 4 * i, sizeof word);
-      w.v[i] = sign_word_bits(word);
+      w.v[i] = avx2::word_bits_as_bytes(word);
     }
     return w;
   }

@@ -5,17 +5,15 @@
 // length is not a whole number of blocks ends in a partial block whose
 // missing codes meet the prepared activations' zero padding.
 #include "runtime/formats/q8_0.h"
-#include "runtime/formats/unembed_layout.h"
 #include "runtime/x86/avx2_block_products.h"
 #include "runtime/x86/avx2_kernels.h"
 
 namespace quorvel::kernels::x86 {
 namespace {
 
-constexpr std::size_t kBlockBytes = sizeof(formats::BlockQ8_0);
-
 struct Q8_0Format {
   static constexpr std::size_t kValues = formats::BlockQ8_0::kValues;
+  static constexpr std::size_t kBlockBytes = sizeof(formats::BlockQ8_0);
   static constexpr int kActivationVectors = 1;
   static constexpr std::int32_t kScaleWord = 0;
   static constexpr bool kBf16Scale = false;
@@ -37,7 +35,8 @@ struct Q8_0Format {
 };
 
 avx2::WeightRows plain_rows(const void* w, std::size_t rows, std::size_t k) {
-  return {static_cast<const std::uint8_t*>(w), formats::q8_0_blocks_per_row(k) * kBlockBytes, kBlockBytes, rows};
+  return {static_cast<const std::uint8_t*>(w), formats::q8_0_blocks_per_row(k) * Q8_0Format::kBlockBytes,
+          Q8_0Format::kBlockBytes, rows};
 }
 
 }  // namespace
@@ -54,21 +53,10 @@ void Avx2Kernels::gemv_q8_0(const void* w, const std::int8_t* x, float x_scale, 
   avx2::block_products<Q8_0Format>(plain_rows(w, rows, k), x, &x_scale, 1, k, out, 0);
 }
 
-// The grouped table: within a group of 32 rows, row r's block b is block
-// b * 32 + r of the group, so each group is a WeightRows of its own.
 void Avx2Kernels::gemv_q8_0_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
-                                size_t k) const {
+                                  size_t k) const {
   if (!PreparedActivations::fits(k)) return PortableKernels::gemv_q8_0_f32(w, x, x_scale, out, rows, k);
-  using formats::kUnembedGroupRows;
-  const std::size_t group_bytes = kUnembedGroupRows * formats::q8_0_blocks_per_row(k) * kBlockBytes;
-  PreparedActivations prepared;
-  prepare_activations(prepared, x, &x_scale, 1, k, Q8_0Format::kValues, Q8_0Format::kOrder);
-  for (std::size_t r = 0; r < rows; r += kUnembedGroupRows) {
-    const avx2::WeightRows group{static_cast<const std::uint8_t*>(w) + r / kUnembedGroupRows * group_bytes,
-                                 kBlockBytes, kUnembedGroupRows * kBlockBytes,
-                                 rows - r < kUnembedGroupRows ? rows - r : kUnembedGroupRows};
-    avx2::block_rows<Q8_0Format, 1>(group, prepared, out + r, 0);
-  }
+  avx2::grouped_logits<Q8_0Format>(w, x, x_scale, out, rows, k);
 }
 
 }  // namespace quorvel::kernels::x86
