@@ -8,15 +8,22 @@
 
 #include <cmath>
 #include <fstream>
+#include <map>
+#include <sstream>
 #include <stdexcept>
+#include <string_view>
+#include <vector>
 
 #include "io/lora_header.h"
 #include "io/model_header.h"
 #include "io/rope_header.h"
 #include "models/model_base.h"
 #include "models/transformer_layers.h"
+#include "tools/lib/init_text_writer.h"
+#include "tools/lib/make_model_options.h"
 #include "tools/lib/model_file_writer.h"
 #include "tools/lib/rope_cache_writer.h"
+#include "tools/lib/tool_commands.h"
 #include "tools/tool_test_files.h"
 
 namespace quorvel::tools {
@@ -175,6 +182,49 @@ TEST_P(LoraFileLoad, TheEngineReadsEveryRecordOntoItsTarget) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryArchitecture, LoraFileLoad, ::testing::Range(1, 7));
+
+TEST(MakeModelLora, LoraOptionsAskForAnAdapterInTheOutputDirectory) {
+  const std::vector<std::string_view> args = {"out", "--arch", "2", "--lora-rank", "4", "--lora-targets", "q,o",
+                                              "--lora-targets", "1:none", "--lora-scale", "0.5", "--lora-zero-b",
+                                              "--lora-quant", "Q4_0", "--seed", "7"};
+  const MakeModelOptions options = parse_make_model_args(args);
+  ASSERT_TRUE(options.lora.has_value());
+  EXPECT_EQ(options.lora->rank, 4u);
+  EXPECT_EQ(options.lora->targets, parse_lora_targets("q,o"));
+  EXPECT_EQ(options.lora->layer_targets, (std::map<std::uint64_t, LoraTargetSet>{{1, kNone}}));
+  EXPECT_EQ(options.lora->scale, 0.5);
+  EXPECT_TRUE(options.lora->zero_b);
+  EXPECT_NE(options.lora->seed, options.file.seed);
+  EXPECT_EQ(options.config.lora_dir, "out");
+  EXPECT_EQ(options.config.lora_quant, QuantFormat::Q4_0);
+
+  // The storage format alone is no adapter.
+  const std::vector<std::string_view> plain = {"out", "--arch", "2", "--lora-quant", "int8"};
+  const MakeModelOptions without = parse_make_model_args(plain);
+  EXPECT_FALSE(without.lora.has_value());
+  EXPECT_EQ(without.config.lora_dir, "");
+  EXPECT_EQ(without.config.lora_quant, QuantFormat::INT8);
+
+  for (const char* targets : {"k,up", "4:all"}) {  // the default model has 4 layers
+    const std::vector<std::string_view> bad = {"out", "--arch", "2", "--lora-targets", targets};
+    EXPECT_THROW(parse_make_model_args(bad), UsageError) << targets;
+  }
+}
+
+TEST(MakeModelLora, TheAdapterGoesWhereInitTxtPoints) {
+  TempDir dir;
+  const std::string model = (dir.path() / "model").string(), adapter = (dir.path() / "adapter").string();
+  const std::vector<std::string_view> args = {model,       "--arch",  "6",      "--hidden",   "128",
+                                              "--layers",  "1",       "--heads", "1",         "--kv-heads",
+                                              "1",         "--vocab", "40",     "--lora-rank", "2",
+                                              "--lora-dir", adapter};
+  std::ostringstream err;
+  ASSERT_EQ(run_make_model(args, err), 0) << err.str();
+  EXPECT_NE(testing::read_text(dir.path() / "model" / kInitTextFileName).find("\nlora_dir=" + adapter + "\n"),
+            std::string::npos);
+  EXPECT_TRUE(std::filesystem::exists(dir.path() / "adapter" / kLoraFileName));
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "model" / kLoraFileName));
+}
 
 }  // namespace
 }  // namespace quorvel::tools

@@ -89,14 +89,16 @@ LoraTargetSet parse_lora_targets(std::string_view text) {
   }
 }
 
+std::optional<std::string> unwritable_lora_targets(const InitConfig& config, const LoraFileOptions& options) {
+  if (options.layer_targets.empty()) return std::nullopt;
+  const std::uint64_t last = options.layer_targets.rbegin()->first;
+  if (last < config.num_layers) return std::nullopt;
+  return "LoRA targets given for layer " + std::to_string(last) + ", but the model has " +
+         std::to_string(config.num_layers) + " layers";
+}
+
 void write_lora_file(const std::filesystem::path& path, const InitConfig& config, const LoraFileOptions& options) {
-  if (!options.layer_targets.empty()) {
-    const std::uint64_t last = options.layer_targets.rbegin()->first;
-    if (last >= config.num_layers) {
-      throw std::invalid_argument("LoRA targets given for layer " + std::to_string(last) + ", but the model has " +
-                                  std::to_string(config.num_layers) + " layers");
-    }
-  }
+  if (const auto problem = unwritable_lora_targets(config, options)) throw std::invalid_argument(*problem);
   const std::vector<LayerTensor> targets = lora_targets(config);
   BinaryWriter out(path);
   WeightRandom random(options.seed);

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,8 +48,12 @@ struct LoraFileOptions {
   bool zero_b = false;
 };
 
-// Throws std::invalid_argument when layer_targets names a layer the model
-// does not have, and std::runtime_error when the file cannot be written.
+// Why `options` do not fit the model (layer_targets naming a layer it does
+// not have), or nullopt.
+std::optional<std::string> unwritable_lora_targets(const InitConfig& config, const LoraFileOptions& options);
+
+// Throws std::invalid_argument for unwritable targets (before creating the
+// file) and std::runtime_error when the file cannot be written.
 void write_lora_file(const std::filesystem::path& path, const InitConfig& config, const LoraFileOptions& options);
 
 }  // namespace quorvel::tools

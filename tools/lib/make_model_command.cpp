@@ -2,6 +2,7 @@
 #include <filesystem>
 
 #include "tools/lib/init_text_writer.h"
+#include "tools/lib/lora_file_writer.h"
 #include "tools/lib/make_model_options.h"
 #include "tools/lib/model_file_writer.h"
 #include "tools/lib/rope_cache_writer.h"
@@ -17,6 +18,10 @@ void write_model_directory(const MakeModelOptions& options) {
   write_rope_cache(options.output_dir / kRopeCacheFileName, config.head_dim, config.max_position_embeddings,
                    config.rope_theta);
   write_init_text(options.output_dir / kInitTextFileName, config);
+  if (options.lora) {
+    std::filesystem::create_directories(config.lora_dir);
+    write_lora_file(std::filesystem::path(config.lora_dir) / kLoraFileName, config, *options.lora);
+  }
 }
 
 }  // namespace

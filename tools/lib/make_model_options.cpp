@@ -13,7 +13,9 @@ const char kMakeModelUsage[] =
     "Usage: quorvel-make-model <output directory> --arch 1-6 [--hidden N] [--intermediate N] [--layers N] "
     "[--heads N] [--kv-heads N] [--head-dim N] [--vocab N] [--max-pos N] [--rope-theta X] [--norm-eps X] "
     "[--activation 0|1] [--eos ID,...] [--tied] [--qkv-bias] [--unembed-quant FORMAT] [--version 3|4] "
-    "[--section KIND[:VALUE]]... [--seed N]";
+    "[--section KIND[:VALUE]]... [--seed N] [--lora-rank N] "
+    "[--lora-targets [LAYER:]all|none|k,v,q,o,ffn1,ffn2,down]... [--lora-scale X] [--lora-zero-b] [--lora-dir DIR] "
+    "[--lora-quant FORMAT]";
 
 namespace {
 
@@ -108,6 +110,49 @@ void set_seed(MakeModelOptions& options, std::string_view option, std::string_vi
   options.file.seed = parse_number<std::uint64_t>(option, value);
 }
 
+// Any --lora-* option but --lora-quant asks for an adapter.
+LoraFileOptions& adapter(MakeModelOptions& options) {
+  if (!options.lora) options.lora.emplace();
+  return *options.lora;
+}
+
+void set_lora_rank(MakeModelOptions& options, std::string_view option, std::string_view value) {
+  adapter(options).rank = parse_number<std::uint32_t>(option, value);
+}
+
+void set_lora_scale(MakeModelOptions& options, std::string_view option, std::string_view value) {
+  adapter(options).scale = parse_number<double>(option, value);
+}
+
+void set_lora_dir(MakeModelOptions& options, std::string_view, std::string_view value) {
+  adapter(options);
+  options.config.lora_dir = std::string(value);
+}
+
+// LIST for every layer, or LAYER:LIST for one layer.
+void add_lora_targets(MakeModelOptions& options, std::string_view option, std::string_view value) {
+  const std::size_t colon = value.find(':');
+  LoraTargetSet targets;
+  try {
+    targets = parse_lora_targets(colon == std::string_view::npos ? value : value.substr(colon + 1));
+  } catch (const std::invalid_argument& error) {
+    throw UsageError(error.what());
+  }
+  if (colon == std::string_view::npos) {
+    adapter(options).targets = targets;
+  } else {
+    adapter(options).layer_targets[parse_number<std::uint64_t>(option, value.substr(0, colon))] = targets;
+  }
+}
+
+void set_lora_quant(MakeModelOptions& options, std::string_view, std::string_view value) {
+  try {
+    options.config.lora_quant = parse_quant_format("lora_quant", std::string(value));
+  } catch (const std::runtime_error& error) {
+    throw UsageError(error.what());
+  }
+}
+
 const std::unordered_map<std::string_view, ValueSetter>& value_options() {
   static const std::unordered_map<std::string_view, ValueSetter> setters = {
       {"--arch", set_arch},
@@ -127,6 +172,11 @@ const std::unordered_map<std::string_view, ValueSetter>& value_options() {
       {"--version", set_version},
       {"--section", add_section},
       {"--seed", set_seed},
+      {"--lora-rank", set_lora_rank},
+      {"--lora-targets", add_lora_targets},
+      {"--lora-scale", set_lora_scale},
+      {"--lora-dir", set_lora_dir},
+      {"--lora-quant", set_lora_quant},
   };
   return setters;
 }
@@ -137,6 +187,8 @@ bool apply_flag(MakeModelOptions& options, std::string_view arg) {
     options.config.tie_word_embeddings = true;
   } else if (arg == "--qkv-bias") {
     options.config.has_qkv_bias = true;
+  } else if (arg == "--lora-zero-b") {
+    adapter(options).zero_b = true;
   } else {
     return false;
   }
@@ -152,10 +204,15 @@ void check_shapes(const InitConfig& config) {
   if (const auto problem = unwritable_shape(config)) throw UsageError(*problem);
 }
 
+void check_lora(const MakeModelOptions& options) {
+  if (!options.lora) return;
+  if (const auto problem = unwritable_lora_targets(options.config, *options.lora)) throw UsageError(*problem);
+}
+
 }  // namespace
 
 MakeModelOptions parse_make_model_args(std::span<const std::string_view> args) {
-  MakeModelOptions options{.output_dir = {}, .config = default_config(), .file = {}};
+  MakeModelOptions options{.output_dir = {}, .config = default_config(), .file = {}, .lora = {}};
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string_view arg = args[i];
     if (apply_flag(options, arg)) continue;
@@ -172,7 +229,12 @@ MakeModelOptions parse_make_model_args(std::span<const std::string_view> args) {
   if (options.config.arch_type == 0) throw UsageError("missing --arch");
   // BitNet layers always carry both sub-norms; say so in the config as well.
   options.config.has_attn_sub_norm = options.config.has_ffn_sub_norm = options.config.arch_type == 1;
+  if (options.lora) {
+    if (options.config.lora_dir.empty()) options.config.lora_dir = options.output_dir.string();
+    options.lora->seed = options.file.seed + 1;  // not the model's own sequence
+  }
   check_shapes(options.config);
+  check_lora(options);
   return options;
 }
 

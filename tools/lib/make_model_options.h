@@ -4,11 +4,13 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string_view>
 
 #include "engine/init_config.h"
+#include "tools/lib/lora_file_writer.h"
 #include "tools/lib/model_file_writer.h"
 
 namespace quorvel::tools {
@@ -23,6 +25,9 @@ struct MakeModelOptions {
   std::filesystem::path output_dir;
   InitConfig config;  // written to init.txt; shapes the model file
   ModelFileOptions file;
+  // The adapter written into config.lora_dir when a --lora-* option asks
+  // for one; lora_dir then defaults to the output directory.
+  std::optional<LoraFileOptions> lora;
 };
 
 extern const char kMakeModelUsage[];
