@@ -5,10 +5,13 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <string>
+#include <system_error>
 
 #include "engine/init_config.h"
 #include "engine/model_runner.h"
 #include "engine/request_loop.h"
+#include "io/lora_header.h"
 #include "io/model_header.h"
 #include "io/rope_header.h"
 #include "models/model_base.h"
@@ -37,6 +40,25 @@ bool refuse_qwen3_5_sections(const InitConfig& config, const ModelFileInfo& info
     return true;
   }
   return false;
+}
+
+// The optional adapter in config.lora_dir. A missing "qmodel.lora" is no
+// adapter and no message; returns false after an open or header failure,
+// which ends start-up. The adapter's own loading errors are thrown.
+bool load_lora_adapter(ModelBase& model, const std::string& lora_dir) {
+  const std::filesystem::path path = std::filesystem::path(lora_dir) / "qmodel.lora";
+  std::error_code ignored;  // any other status problem shows up as a failed open
+  if (std::filesystem::status(path, ignored).type() == std::filesystem::file_type::not_found) return true;
+  std::cerr << "Loading LoRA adapter..." << std::endl;
+  std::ifstream lora(path, std::ios::binary);
+  if (!lora.is_open()) {
+    std::cerr << "Error: Could not open " << path << std::endl;
+    return false;
+  }
+  if (!check_lora_header(lora, kLoraFileVersion)) return false;
+  model.load_lora(lora);
+  std::cerr << "LoRA adapter loaded.\n" << std::endl;
+  return true;
 }
 
 }  // namespace
@@ -73,6 +95,7 @@ int run_engine(int argc, char** argv) {
   if (refuse_qwen3_5_sections(config, info)) return 1;
 
   std::unique_ptr<ModelBase> model = create_model(tensors, rope, config);
+  if (!config.lora_dir.empty() && !load_lora_adapter(*model, config.lora_dir)) return 1;
   ModelRunner runner(*model);
   RequestLoop(runner, config, std::cin, std::cout, std::cerr).run();
   return 0;
