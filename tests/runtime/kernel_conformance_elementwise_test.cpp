@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "conformance_support.h"
-#include "runtime/formats/q8_0.h"
 #include "kernel_test_inputs.h"
+#include "runtime/formats/q8_0.h"
 
 namespace quorvel::test {
 namespace {
@@ -33,20 +33,25 @@ std::string sizes(const char* op, std::size_t rows, std::size_t dim) {
 // float steps: zeros of both signs, infinities, values at and beyond the
 // bf16 range, subnormals. Every `every`-th element, cycling through them.
 void plant_extremes(std::vector<bf16>& values, std::size_t every) {
-  const float extremes[] = {0.0f,   -0.0f,    std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
-                            3.0e38f, -3.0e38f, 1.0e-39f, 100.0f, -100.0f};
+  const float extremes[] = {0.0f,
+                            -0.0f,
+                            std::numeric_limits<float>::infinity(),
+                            -std::numeric_limits<float>::infinity(),
+                            3.0e38f,
+                            -3.0e38f,
+                            1.0e-39f,
+                            100.0f,
+                            -100.0f};
   std::size_t k = 0;
   for (std::size_t i = 0; i < values.size(); i += every, ++k) {
-    values[i] = narrow_saturate(extremes[k % std::size(extremes)]);
+    values[i] = narrow_nearest_even(extremes[k % std::size(extremes)]);  // keeps the infinities
   }
 }
 
 class ElementwiseConformance : public KernelConformanceTest {
  protected:
   // A buffer of kOffset + n + kOffset values with random contents.
-  std::vector<bf16> padded_row(std::size_t n, float magnitude) {
-    return inputs_.bf16_row(n + 2 * kOffset, magnitude);
-  }
+  std::vector<bf16> padded_row(std::size_t n, float magnitude) { return inputs_.bf16_row(n + 2 * kOffset, magnitude); }
 
   KernelInputs inputs_{7u};
 };
@@ -173,6 +178,20 @@ TEST_P(ElementwiseConformance, RopeOverHeadSizesAndRows) {
   }
 }
 
+// A single rounding more or less in the f32 result moves the narrowed bf16
+// only near a rounding boundary, so the fused order is checked over a
+// million rotated pairs.
+TEST_P(ElementwiseConformance, RopeKeepsTheFusedOrderOverManyRows) {
+  const std::size_t rows = 8192, dim = 128;
+  const std::vector<float> cos = inputs_.f32_row(rows * dim, -1.0f, 1.0f);
+  const std::vector<float> sin = inputs_.f32_row(rows * dim, -1.0f, 1.0f);
+  std::vector<bf16> expected = inputs_.bf16_row(rows * dim, 50.0f);
+  std::vector<bf16> actual = expected;
+  portable().rope_bf16(expected.data(), cos.data(), sin.data(), rows, dim, dim);
+  simd().rope_bf16(actual.data(), cos.data(), sin.data(), rows, dim, dim);
+  expect_identical(expected, actual, sizes("rope_bf16", rows, dim));
+}
+
 // Gates from -100 to 100 reach both clamps of the exponential (-gate above
 // 88 and below -87); planted infinities and overflowing products clamp.
 TEST_P(ElementwiseConformance, GatedActivations) {
@@ -211,6 +230,90 @@ TEST_P(ElementwiseConformance, AddOverEveryTailLength) {
     portable().add_bf16(src.data() + kOffset, expected.data() + kOffset, n);
     simd().add_bf16(src.data() + kOffset, actual.data() + kOffset, n);
     expect_identical(expected, actual, sizes("add_bf16", 1, n));
+  }
+}
+
+// ---- Attention and the row dot product ----
+
+// One head of an attention step laid out as the layer passes it: query and
+// output rows inside rows of three heads, keys inside rows of two KV heads
+// (position-major), values dimension-major with room for more positions
+// than are filled.
+struct AttentionCase {
+  std::size_t n_q, kv_len, head_dim, q_stride, k_stride, v_stride;
+  std::vector<bf16> q, k, v;
+
+  AttentionCase(KernelInputs& inputs, std::size_t queries, std::size_t positions, std::size_t dim, float magnitude)
+      : n_q(queries),
+        kv_len(positions),
+        head_dim(dim),
+        q_stride(3 * dim),
+        k_stride(2 * dim),
+        v_stride(positions + 5),
+        q(inputs.bf16_row(queries * q_stride + kOffset, magnitude)),
+        k(inputs.bf16_row(positions * k_stride + kOffset, magnitude)),
+        v(inputs.bf16_row(dim * v_stride + kOffset, 2.0f)) {}
+
+  // The second head of the query rows, the second KV head.
+  std::vector<bf16> run(const KernelBase& set) const {
+    std::vector<bf16> out = sentinel_buffer<bf16>(n_q * q_stride + kOffset);
+    std::vector<float> work(64 + head_dim);
+    set.attention_bf16(q.data() + kOffset + head_dim, q_stride, k.data() + kOffset + head_dim, k_stride,
+                       v.data() + kOffset, v_stride, out.data() + kOffset + head_dim, q_stride, n_q, kv_len, head_dim,
+                       work.data());
+    return out;
+  }
+};
+
+std::string attention_case(std::size_t n_q, std::size_t kv_len, std::size_t head_dim, float magnitude) {
+  return "attention_bf16 n_q=" + std::to_string(n_q) + " kv_len=" + std::to_string(kv_len) +
+         " head_dim=" + std::to_string(head_dim) + " magnitude=" + std::to_string(magnitude);
+}
+
+// Decoding (one query) and prefill (up to 9 queries) around the 64-position
+// block boundaries and the four-score exponential groups; magnitude 8 spreads
+// the scores by far more than 87 so that the clamp of the polynomial
+// exponential and the rescaling both act. head_dim 72 leaves a partial tile.
+TEST_P(ElementwiseConformance, AttentionOverBlockBoundaries) {
+  for (std::size_t head_dim : {64, 128, 72}) {
+    for (std::size_t kv_len : {1, 2, 3, 4, 5, 63, 64, 65, 130, 1000}) {
+      for (std::size_t n_q : {1, 2, 3, 4, 5, 6, 7, 8, 9}) {
+        if (n_q > kv_len || (kv_len == 1000 && n_q > 2)) continue;
+        for (float magnitude : {1.0f, 8.0f}) {
+          const AttentionCase c(inputs_, n_q, kv_len, head_dim, magnitude);
+          expect_identical(c.run(portable()), c.run(simd()), attention_case(n_q, kv_len, head_dim, magnitude));
+        }
+      }
+    }
+  }
+}
+
+// A long prefill: 128 queries over 300 positions.
+TEST_P(ElementwiseConformance, AttentionLongPrefill) {
+  const AttentionCase c(inputs_, 128, 300, 64, 4.0f);
+  expect_identical(c.run(portable()), c.run(simd()), attention_case(128, 300, 64, 4.0f));
+}
+
+// Values that overflow the bf16 range must clamp in both sets.
+TEST_P(ElementwiseConformance, AttentionWithExtremeValues) {
+  AttentionCase c(inputs_, 3, 70, 64, 2.0f);
+  plant_extremes(c.v, 13);
+  expect_identical(c.run(portable()), c.run(simd()), "attention_bf16 with extreme values");
+}
+
+// Every row count around the group widths, lengths with and without a tail
+// of fewer than eight elements, and a range that starts past row 0.
+TEST_P(ElementwiseConformance, DotRows) {
+  for (std::size_t dim : {1, 3, 4, 7, 8, 9, 64, 128, 130}) {
+    for (std::size_t count : {1, 2, 3, 5, 7, 8, 9, 15, 16, 17, 33, 64}) {
+      const std::size_t first = count % 3, stride = dim + 5;
+      const std::vector<bf16> rows = inputs_.bf16_row((first + count) * stride + kOffset, 4.0f);
+      const std::vector<bf16> vec = inputs_.bf16_row(dim + kOffset, 4.0f);
+      std::vector<float> expected = sentinel_buffer<float>(first + count + kOffset), actual = expected;
+      portable().dot_rows_bf16(rows.data() + kOffset, stride, vec.data() + kOffset, dim, first, count, expected.data());
+      simd().dot_rows_bf16(rows.data() + kOffset, stride, vec.data() + kOffset, dim, first, count, actual.data());
+      expect_identical(expected, actual, sizes("dot_rows_bf16", count, dim));
+    }
   }
 }
 

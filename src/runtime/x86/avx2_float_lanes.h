@@ -100,7 +100,8 @@ struct F32x8 {
   using Ints = __m256i;
   static Ints rows_eight(const bf16* const* row, std::size_t i) {
     const __m128i low = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row[0] + i));
-    return _mm256_inserti128_si256(_mm256_castsi128_si256(low), _mm_loadu_si128(reinterpret_cast<const __m128i*>(row[4] + i)), 1);
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(low),
+                                   _mm_loadu_si128(reinterpret_cast<const __m128i*>(row[4] + i)), 1);
   }
   static Ints broadcast_eight(const bf16* p) {
     return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));

@@ -63,6 +63,13 @@ class Avx512Kernels : public PortableKernels {
   void relu2_mul_bf16(const bf16* gate, bf16* up, size_t rows, size_t dim) const override;
   void silu_mul_bf16(const bf16* gate, bf16* up, size_t rows, size_t dim) const override;
   void add_bf16(const bf16* src, bf16* dst, size_t n) const override;
+
+  // Attention and the bf16 row dot product (attention_avx512.cpp).
+  void attention_bf16(const bf16* q, size_t q_stride, const bf16* k, size_t k_stride, const bf16* v,
+                      size_t v_stride, bf16* out, size_t out_stride, size_t n_q, size_t kv_len, size_t head_dim,
+                      float* work) const override;
+  void dot_rows_bf16(const bf16* rows, size_t row_stride, const bf16* vec, size_t dim, size_t first, size_t count,
+                     float* out) const override;
 };
 
 }  // namespace quorvel::kernels::x86
