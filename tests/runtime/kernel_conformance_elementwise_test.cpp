@@ -13,6 +13,8 @@
 
 #include "conformance_support.h"
 #include "kernel_test_inputs.h"
+#include "product_test_inputs.h"
+#include "runtime/formats/i8_matrix.h"
 #include "runtime/formats/q8_0.h"
 
 namespace quorvel::test {
@@ -317,7 +319,111 @@ TEST_P(ElementwiseConformance, DotRows) {
   }
 }
 
+// ---- Embedding lookups of the q1 formats ----
+
+// Scales whose products overflow (2 * 3e38 for code 3 of q1.58), infinities
+// (0 * inf is NaN), NaN, subnormals and zeros of both signs.
+TEST_P(ElementwiseConformance, DequantizeQ1Rows) {
+  using Dequantize = void (KernelBase::*)(const void*, size_t, bf16*) const;
+  const std::pair<const BlockLayout*, Dequantize> formats[] = {{&kQ1_0Layout, &KernelBase::dequantize_q1_0_bf16},
+                                                               {&kQ1_58Layout, &KernelBase::dequantize_q1_58_bf16}};
+  const float extremes[] = {std::numeric_limits<float>::quiet_NaN(),
+                            std::numeric_limits<float>::infinity(),
+                            -std::numeric_limits<float>::infinity(),
+                            3.0e38f,
+                            -3.0e38f,
+                            1.0e-40f,
+                            0.0f,
+                            -0.0f};
+  for (const auto& [layout, dequantize] : formats) {
+    for (std::size_t n : {1, 128, 130, 256, 2048, 2560}) {
+      std::vector<std::uint8_t> blocks = random_block_rows(*layout, 1, n, static_cast<std::uint32_t>(n), 4.0f);
+      for (std::size_t b = 0; b < blocks.size() / layout->bytes; b += 2) {
+        layout->set_scale(blocks.data() + b * layout->bytes, extremes[b / 2 % std::size(extremes)]);
+      }
+      const std::size_t values = layout->blocks_per_row(n) * 128;
+      std::vector<bf16> expected = sentinel_buffer<bf16>(values + 2 * kOffset), actual = expected;
+      (portable().*dequantize)(blocks.data(), n, expected.data() + kOffset);
+      (simd().*dequantize)(blocks.data(), n, actual.data() + kOffset);
+      expect_identical(expected, actual, std::string("dequantize ") + layout->name + " n=" + std::to_string(n));
+    }
+  }
+}
+
+// ---- LoRA side products ----
+
+// One LoRA case: x rows, the two factors in one storage format (made from
+// random bf16 matrices by the portable quantizers), and the layer output.
+class LoraConformance : public ElementwiseConformance {
+ protected:
+  using Product = void (KernelBase::*)(const bf16*, const void*, const void*, bf16*, size_t, size_t, size_t, size_t,
+                                       float*) const;
+  using Quantize = void (KernelBase::*)(const bf16*, size_t, size_t, void*) const;
+
+  // A factor of `rows` x `cols` in the format of `layout` (bf16 when null).
+  struct Factor {
+    std::vector<bf16> plain;
+    std::vector<std::uint8_t> blocks;
+    std::vector<std::int8_t> codes;
+    std::vector<float> scales;
+    formats::I8Matrix matrix{};
+    const void* data = nullptr;
+  };
+
+  void make_factor(Factor& f, std::size_t rows, std::size_t cols, const BlockLayout* layout, Quantize quantize,
+                   bool int8) {
+    f.plain = inputs_.bf16_row(rows * cols, 0.5f);
+    f.data = f.plain.data();
+    if (int8) {
+      f.codes.resize(rows * cols);
+      f.scales.resize(rows);
+      portable().quantize_rows_i8(f.plain.data(), f.codes.data(), f.scales.data(), rows, cols);
+      f.matrix = formats::I8Matrix{rows, cols, f.scales.data(), f.codes.data()};
+      f.data = &f.matrix;
+    } else if (layout != nullptr) {
+      f.blocks.assign(rows * layout->row_bytes(cols), 0);
+      (portable().*quantize)(f.plain.data(), rows, cols, f.blocks.data());
+      f.data = f.blocks.data();
+    }
+  }
+
+  void check(const char* name, Product product, const BlockLayout* layout, Quantize quantize, bool int8) {
+    for (std::size_t rank : {1, 8, 16, 40, 64, 300}) {
+      for (const auto& [in_dim, out_dim] : {std::pair<std::size_t, std::size_t>{128, 200}, {2048, 2560}}) {
+        const std::size_t tokens = 1 + rank % 3;
+        Factor a, b;
+        make_factor(a, in_dim, rank, layout, quantize, int8);
+        make_factor(b, rank, out_dim, layout, quantize, int8);
+        const std::vector<bf16> x = inputs_.bf16_row(tokens * in_dim + kOffset, 1.0f);
+        std::vector<bf16> expected = padded_row(tokens * out_dim, 2.0f), actual = expected;
+        // The rank floats of h, then guards that neither set may write.
+        std::vector<float> work_expected = sentinel_buffer<float>(rank + 4), work_actual = work_expected;
+        (portable().*product)(x.data() + kOffset, a.data, b.data, expected.data() + kOffset, tokens, in_dim, rank,
+                              out_dim, work_expected.data());
+        (simd().*product)(x.data() + kOffset, a.data, b.data, actual.data() + kOffset, tokens, in_dim, rank, out_dim,
+                          work_actual.data());
+        const std::string what = std::string(name) + " rank=" + std::to_string(rank) + " in=" + std::to_string(in_dim) +
+                                 " out=" + std::to_string(out_dim);
+        expect_identical(expected, actual, what);
+        expect_identical(work_expected, work_actual, what + " work");
+      }
+    }
+  }
+};
+
+TEST_P(LoraConformance, Bf16Factors) { check("lora_bf16", &KernelBase::lora_bf16, nullptr, nullptr, false); }
+
+TEST_P(LoraConformance, Int8Factors) { check("lora_i8", &KernelBase::lora_i8, nullptr, nullptr, true); }
+
+TEST_P(LoraConformance, BlockFactors) {
+  check("lora_q8_0", &KernelBase::lora_q8_0, &kQ8_0Layout, &KernelBase::quantize_rows_q8_0, false);
+  check("lora_q4_0", &KernelBase::lora_q4_0, &kQ4_0Layout, &KernelBase::quantize_rows_q4_0, false);
+  check("lora_q5_0", &KernelBase::lora_q5_0, &kQ5_0Layout, &KernelBase::quantize_rows_q5_0, false);
+  check("lora_q6_k", &KernelBase::lora_q6_k, &kQ6_KLayout, &KernelBase::quantize_rows_q6_k, false);
+}
+
 INSTANTIATE_KERNEL_CONFORMANCE(ElementwiseConformance);
+INSTANTIATE_KERNEL_CONFORMANCE(LoraConformance);
 
 }  // namespace
 }  // namespace quorvel::test

@@ -70,6 +70,24 @@ class Avx512Kernels : public PortableKernels {
                       float* work) const override;
   void dot_rows_bf16(const bf16* rows, size_t row_stride, const bf16* vec, size_t dim, size_t first, size_t count,
                      float* out) const override;
+
+  // Embedding lookups of the q1 formats (dequantize_q1_avx512.cpp).
+  void dequantize_q1_0_bf16(const void* blocks, size_t n, bf16* out) const override;
+  void dequantize_q1_58_bf16(const void* blocks, size_t n, bf16* out) const override;
+
+  // LoRA side products (lora_avx512.cpp).
+  void lora_bf16(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens, size_t in_dim,
+                 size_t rank, size_t out_dim, float* work) const override;
+  void lora_q8_0(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens, size_t in_dim,
+                 size_t rank, size_t out_dim, float* work) const override;
+  void lora_q4_0(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens, size_t in_dim,
+                 size_t rank, size_t out_dim, float* work) const override;
+  void lora_i8(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens, size_t in_dim, size_t rank,
+               size_t out_dim, float* work) const override;
+  void lora_q5_0(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens, size_t in_dim,
+                 size_t rank, size_t out_dim, float* work) const override;
+  void lora_q6_k(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens, size_t in_dim,
+                 size_t rank, size_t out_dim, float* work) const override;
 };
 
 }  // namespace quorvel::kernels::x86
