@@ -22,16 +22,19 @@ __m256i load_positions(const bf16* p, std::size_t n) { return _mm256_maskz_loadu
 // Within each 128-bit quarter: element c of m[r] moves to element r of m[c].
 void transpose_quarters(__m512i (&m)[8]) {
   __m512i t[8], u[8];
+#pragma GCC unroll 4
   for (int i = 0; i < 4; ++i) {
     t[2 * i] = _mm512_unpacklo_epi16(m[2 * i], m[2 * i + 1]);
     t[2 * i + 1] = _mm512_unpackhi_epi16(m[2 * i], m[2 * i + 1]);
   }
+#pragma GCC unroll 2
   for (int g = 0; g < 8; g += 4) {
     u[g] = _mm512_unpacklo_epi32(t[g], t[g + 2]);
     u[g + 1] = _mm512_unpackhi_epi32(t[g], t[g + 2]);
     u[g + 2] = _mm512_unpacklo_epi32(t[g + 1], t[g + 3]);
     u[g + 3] = _mm512_unpackhi_epi32(t[g + 1], t[g + 3]);
   }
+#pragma GCC unroll 4
   for (int c = 0; c < 4; ++c) {
     m[2 * c] = _mm512_unpacklo_epi64(u[c], u[c + 4]);
     m[2 * c + 1] = _mm512_unpackhi_epi64(u[c], u[c + 4]);
@@ -46,28 +49,34 @@ __m512i paired_rows(const bf16* v, std::size_t v_stride, std::size_t r, std::siz
   return _mm512_shuffle_i64x2(both, both, _MM_SHUFFLE(3, 1, 2, 0));
 }
 
+// sum + e[c] * (the 16 values of position c of the transposed tile).
+__m512 add_position(__m512 sum, const __m512i (&m)[8], const float* e, std::size_t c) {
+  const __m256i values = c < 8 ? _mm512_castsi512_si256(m[c]) : _mm512_extracti64x4_epi64(m[c - 8], 1);
+  return sum + _mm512_set1_ps(e[c]) * F32x16::widen(values);
+}
+
 void add_value_tile(const bf16* v, std::size_t v_stride, std::size_t dims, const float* e, std::size_t positions,
                     float* acc) {
   __m512i m[8];
+#pragma GCC unroll 8
   for (std::size_t r = 0; r < 8; ++r) m[r] = paired_rows(v, v_stride, r, dims, positions);
   transpose_quarters(m);  // m[c]: position c in the low half, position 8 + c in the high half
   __m512 sum = F32x16::load(acc, dims);
-  const std::size_t low = positions < 8 ? positions : 8;
-  for (std::size_t c = 0; c < low; ++c) {
-    sum = sum + _mm512_set1_ps(e[c]) * F32x16::widen(_mm512_castsi512_si256(m[c]));
-  }
-  for (std::size_t c = 0; c + 8 < positions; ++c) {
-    sum = sum + _mm512_set1_ps(e[8 + c]) * F32x16::widen(_mm512_extracti64x4_epi64(m[c], 1));
+  if (positions == kTilePositions) {
+#pragma GCC unroll 16
+    for (std::size_t c = 0; c < kTilePositions; ++c) sum = add_position(sum, m, e, c);
+  } else {
+    for (std::size_t c = 0; c < positions; ++c) sum = add_position(sum, m, e, c);
   }
   F32x16::store(acc, sum, dims);
 }
 
 void add_values(const bf16* v, std::size_t v_stride, std::size_t head_dim, const float* e, std::size_t count,
                 float* acc) {
-  for (std::size_t p = 0; p < count; p += kTilePositions) {
-    const std::size_t positions = count - p < kTilePositions ? count - p : kTilePositions;
-    for (std::size_t j = 0; j < head_dim; j += kTileDims) {
-      const std::size_t dims = head_dim - j < kTileDims ? head_dim - j : kTileDims;
+  for (std::size_t j = 0; j < head_dim; j += kTileDims) {
+    const std::size_t dims = head_dim - j < kTileDims ? head_dim - j : kTileDims;
+    for (std::size_t p = 0; p < count; p += kTilePositions) {
+      const std::size_t positions = count - p < kTilePositions ? count - p : kTilePositions;
       add_value_tile(v + j * v_stride + p, v_stride, dims, e + p, positions, acc + j);
     }
   }
