@@ -8,7 +8,7 @@
 // f32 accumulator, product rounded, no fused multiply-add: the portable
 // order per row and token, spread across rows.
 //
-// A Format supplies: kValues per block, kActivationVectors (32-byte
+// A Format supplies: kValues per block, kBlockBytes, kActivationVectors (32-byte
 // activation vectors per block), kScaleWord (the byte offset of a 32-bit word
 // holding the scale: an f32, or a bf16 in its high half when kBf16Scale),
 // kOrder (the activation order it expects), Weights, expand(block),
@@ -21,6 +21,7 @@
 #include "runtime/x86/avx2_lanes.h"
 #include "runtime/x86/intrinsics.h"
 #include "runtime/formats/unembed_layout.h"
+#include "runtime/x86/pass_prefetch.h"
 #include "runtime/x86/prepared_activations.h"
 
 namespace quorvel::kernels::x86::avx2 {
@@ -94,8 +95,12 @@ template <typename Format, int kTokens, typename Out>
 void block_pass(const WeightRows& w, std::size_t first, std::size_t n, const PreparedActivations& x, Out* out,
                 std::size_t out_stride) {
   const PassRows<kTokens> pass = pass_rows<Format, kTokens>(w, first, n);
+  const PassPrefetch prefetch(pass.row[0], kRowsPerPass<kTokens> * x.blocks * Format::kBlockBytes, x.blocks);
   __m256 acc = _mm256_setzero_ps();
-  for (std::size_t b = 0; b < x.blocks; ++b) acc = block_step<Format, kTokens>(acc, pass, w, x, b);
+  for (std::size_t b = 0; b < x.blocks; ++b) {
+    prefetch.step(b);
+    acc = block_step<Format, kTokens>(acc, pass, w, x, b);
+  }
   store_lanes<kTokens>(_mm256_mul_ps(acc, broadcast_tokens<kTokens>(x.scales)), out, out_stride, n);
 }
 

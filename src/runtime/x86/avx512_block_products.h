@@ -10,7 +10,7 @@
 // in block order), which keeps the results bit for bit, while the float work
 // is spread across rows.
 //
-// A Format supplies: kValues per block, kBlocksPerStep (1, or 2 when two
+// A Format supplies: kValues per block, kBlockBytes, kBlocksPerStep (1, or 2 when two
 // blocks fill one vector), kActivationVectors (64-byte activation vectors a
 // step reads), kScaleWord (the byte offset of a 32-bit word holding the scale:
 // an f32, or a bf16 in its high half when kBf16Scale), kOrder (the activation
@@ -25,6 +25,7 @@
 
 #include "runtime/x86/avx512_lanes.h"
 #include "runtime/formats/unembed_layout.h"
+#include "runtime/x86/pass_prefetch.h"
 #include "runtime/x86/prepared_activations.h"
 
 namespace quorvel::kernels::x86::avx512 {
@@ -115,9 +116,14 @@ void block_pass(const WeightRows& w, std::size_t first, std::size_t n, const Pre
                 std::size_t out_stride) {
   const PassRows<kTokens> pass = pass_rows<Format, kTokens>(w, first, n);
   constexpr std::size_t kStep = Format::kBlocksPerStep;
+  const PassPrefetch prefetch(pass.row[0], kRowsPerPass<kTokens> * x.blocks * Format::kBlockBytes,
+                              (x.blocks + kStep - 1) / kStep);
   __m512 acc = _mm512_setzero_ps();
   std::size_t b = 0;
-  for (; b + kStep <= x.blocks; b += kStep) acc = block_step<Format, kTokens, kStep>(acc, pass, w, x, b);
+  for (; b + kStep <= x.blocks; b += kStep) {
+    prefetch.step(b / kStep);
+    acc = block_step<Format, kTokens, kStep>(acc, pass, w, x, b);
+  }
   if constexpr (kStep == 2) {
     if (b < x.blocks) acc = block_step<Format, kTokens, 1>(acc, pass, w, x, b);
   }

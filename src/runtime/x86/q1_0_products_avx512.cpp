@@ -14,6 +14,7 @@ namespace {
 
 struct Q1_0Format {
   static constexpr std::size_t kValues = formats::BlockQ1_0::kValues;
+  static constexpr std::size_t kBlockBytes = sizeof(formats::BlockQ1_0);
   static constexpr std::size_t kBlocksPerStep = 1;
   static constexpr int kActivationVectors = 2;
   // The bf16 scale at bytes 16..17 is the high half of the word at 14.
@@ -40,10 +41,9 @@ struct Q1_0Format {
   }
 };
 
-constexpr std::size_t kBlockBytes = sizeof(formats::BlockQ1_0);
-
 avx512::WeightRows plain_rows(const void* w, std::size_t rows, std::size_t k) {
-  return {static_cast<const std::uint8_t*>(w), k / Q1_0Format::kValues * kBlockBytes, kBlockBytes, rows};
+  return {static_cast<const std::uint8_t*>(w), k / Q1_0Format::kValues * Q1_0Format::kBlockBytes,
+          Q1_0Format::kBlockBytes, rows};
 }
 
 }  // namespace

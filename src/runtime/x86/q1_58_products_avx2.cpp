@@ -10,6 +10,7 @@ namespace {
 
 struct Q1_58Format {
   static constexpr std::size_t kValues = formats::BlockQ1_58::kValues;
+  static constexpr std::size_t kBlockBytes = sizeof(formats::BlockQ1_58);
   static constexpr int kActivationVectors = 4;
   // The bf16 scale at bytes 32..33 is the high half of the word at 30.
   static constexpr std::int32_t kScaleWord = 30;
@@ -22,10 +23,9 @@ struct Q1_58Format {
   [[gnu::always_inline]] static __m256i block_sums(__m256i dots, __m256i x_sums) { return _mm256_sub_epi32(dots, x_sums); }
 };
 
-constexpr std::size_t kBlockBytes = sizeof(formats::BlockQ1_58);
-
 avx2::WeightRows plain_rows(const void* w, std::size_t rows, std::size_t k) {
-  return {static_cast<const std::uint8_t*>(w), k / Q1_58Format::kValues * kBlockBytes, kBlockBytes, rows};
+  return {static_cast<const std::uint8_t*>(w), k / Q1_58Format::kValues * Q1_58Format::kBlockBytes,
+          Q1_58Format::kBlockBytes, rows};
 }
 
 }  // namespace

@@ -10,6 +10,7 @@ namespace {
 
 struct Q1_58Format {
   static constexpr std::size_t kValues = formats::BlockQ1_58::kValues;
+  static constexpr std::size_t kBlockBytes = sizeof(formats::BlockQ1_58);
   static constexpr std::size_t kBlocksPerStep = 1;
   static constexpr int kActivationVectors = 2;
   // The bf16 scale at bytes 32..33 is the high half of the word at 30.
@@ -26,10 +27,9 @@ struct Q1_58Format {
   [[gnu::always_inline]] static __m512i block_sums(__m512i dots, __m512i x_sums) { return _mm512_sub_epi32(dots, x_sums); }
 };
 
-constexpr std::size_t kBlockBytes = sizeof(formats::BlockQ1_58);
-
 avx512::WeightRows plain_rows(const void* w, std::size_t rows, std::size_t k) {
-  return {static_cast<const std::uint8_t*>(w), k / Q1_58Format::kValues * kBlockBytes, kBlockBytes, rows};
+  return {static_cast<const std::uint8_t*>(w), k / Q1_58Format::kValues * Q1_58Format::kBlockBytes,
+          Q1_58Format::kBlockBytes, rows};
 }
 
 }  // namespace

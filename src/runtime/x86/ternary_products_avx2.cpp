@@ -10,6 +10,7 @@
 #include "runtime/x86/avx2_kernels.h"
 #include "runtime/x86/avx2_lanes.h"
 #include "runtime/x86/avx2_ternary_codes.h"
+#include "runtime/x86/pass_prefetch.h"
 #include "runtime/x86/prepared_activations.h"
 
 namespace quorvel::kernels::x86 {
@@ -41,7 +42,9 @@ void ternary_pass(const std::uint8_t* w, std::size_t first, std::size_t n, std::
   __m256i partial[avx2::kLanes];
   #pragma GCC unroll 16
   for (__m256i& p : partial) p = _mm256_setzero_si256();
+  const PassPrefetch prefetch(row[0], kRows * row_bytes, k / kTernaryGroup);
   for (std::size_t g = 0; g < k / kTernaryGroup; ++g) {
+    prefetch.step(g);
     __m256i xv[kTokens][4];
     #pragma GCC unroll 16
     for (int t = 0; t < kTokens; ++t) {
