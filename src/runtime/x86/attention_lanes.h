@@ -29,7 +29,9 @@ namespace quorvel::kernels::x86::lanes {
 
 inline constexpr std::size_t kAttentionBlock = 64;
 
-// The running state of one query row.
+// The running state of one query row (a template only so that each
+// instruction set's build keeps its own copy).
+template <typename V>
 struct SoftmaxState {
   float max = -__builtin_inff();
   float sum = 0.0f;
@@ -78,7 +80,7 @@ void exponentials(float* scores, std::size_t count, float max) {
 template <typename V, auto AddValues>
 void attend_block(const bf16* q_row, const bf16* k, std::size_t k_stride, const bf16* v, std::size_t v_stride,
                   std::size_t head_dim, std::size_t first, std::size_t count, float scale, float* work,
-                  SoftmaxState& state) {
+                  SoftmaxState<V>& state) {
   float* scores = work;
   float* acc = work + kAttentionBlock;
   dot_rows<V>(k + first * k_stride, k_stride, q_row, head_dim, count, scores);
@@ -106,7 +108,7 @@ void attention(const bf16* q, std::size_t q_stride, const bf16* k, std::size_t k
   for (std::size_t i = 0; i < n_q; ++i) {
     const std::size_t visible = kv_len + i + 1 > n_q ? kv_len + i + 1 - n_q : 0;
     for_each_vector<V>(head_dim, [&](std::size_t j, std::size_t n) { store_f32<V>(acc + j, V::zero(), n); });
-    SoftmaxState state;
+    SoftmaxState<V> state;
     for (std::size_t first = 0; first < visible; first += kAttentionBlock) {
       const std::size_t count = visible - first < kAttentionBlock ? visible - first : kAttentionBlock;
       attend_block<V, AddValues>(q + i * q_stride, k, k_stride, v, v_stride, head_dim, first, count, scale, work,

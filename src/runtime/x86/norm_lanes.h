@@ -20,28 +20,34 @@ namespace quorvel::kernels::x86::lanes {
 // Rows whose sums of squares run side by side.
 inline constexpr std::size_t kNormRowsTogether = 4;
 
+// Adds the squares of eight elements to a row's four lanes: elements 0-3,
+// then 4-7, so element i meets lane i mod 4 in order.
+template <typename V>
+__m128 add_eight_squares(__m128 acc, __m128i eight) {
+  const __m128 first = _mm_castsi128_ps(_mm_unpacklo_epi16(_mm_setzero_si128(), eight));
+  const __m128 second = _mm_castsi128_ps(_mm_unpackhi_epi16(_mm_setzero_si128(), eight));
+  return _mm_fmadd_ps(second, second, _mm_fmadd_ps(first, first, acc));
+}
+
 // inv[r] = 1 / sqrt(eps + sum_sq / dim) of kRows consecutive rows of dim
-// (a multiple of 4) values. V only keeps each instruction set's copy apart.
+// values. V only keeps each instruction set's copy apart. A last step of
+// fewer than eight elements is padded with zeros: fma(0, 0, lane) leaves a
+// lane unchanged, since a sum of squares from +0 is never -0.
 template <typename V, std::size_t kRows>
 void inverse_rms(const bf16* x, std::size_t dim, float eps, float (&inv)[kRows]) {
-  const __m128i zero = _mm_setzero_si128();
   __m128 acc[kRows];
   for (std::size_t r = 0; r < kRows; ++r) acc[r] = _mm_setzero_ps();
   std::size_t i = 0;
   for (; i + 8 <= dim; i += 8) {
     for (std::size_t r = 0; r < kRows; ++r) {
-      const __m128i eight = _mm_loadu_si128(reinterpret_cast<const __m128i*>(x + r * dim + i));
-      const __m128 first = _mm_castsi128_ps(_mm_unpacklo_epi16(zero, eight));
-      const __m128 second = _mm_castsi128_ps(_mm_unpackhi_epi16(zero, eight));
-      acc[r] = _mm_fmadd_ps(first, first, acc[r]);
-      acc[r] = _mm_fmadd_ps(second, second, acc[r]);
+      acc[r] = add_eight_squares<V>(acc[r], _mm_loadu_si128(reinterpret_cast<const __m128i*>(x + r * dim + i)));
     }
   }
-  if (i < dim) {  // the last four
+  if (i < dim) {
     for (std::size_t r = 0; r < kRows; ++r) {
-      const __m128i four = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(x + r * dim + i));
-      const __m128 values = _mm_castsi128_ps(_mm_unpacklo_epi16(zero, four));
-      acc[r] = _mm_fmadd_ps(values, values, acc[r]);
+      alignas(16) bf16 part[8] = {};
+      __builtin_memcpy(part, x + r * dim + i, (dim - i) * sizeof(bf16));
+      acc[r] = add_eight_squares<V>(acc[r], _mm_load_si128(reinterpret_cast<const __m128i*>(part)));
     }
   }
   for (std::size_t r = 0; r < kRows; ++r) {
