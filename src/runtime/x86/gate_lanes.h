@@ -12,8 +12,9 @@
 
 namespace quorvel::kernels::x86::lanes {
 
-// up = narrow((r * r) * up) with r = gate > 0 ? gate : +0; the vector max
-// returns its second operand, +0, for a NaN or zero gate, as the scalar test does.
+// up = narrow((r * r) * up) with r = gate > 0 ? gate : +0, which is exactly
+// max(gate, +0): the vector max takes its second operand, +0, when the
+// comparison fails, so a NaN or -0 gate gives +0 as in the portable set.
 template <typename V>
 void relu2_mul(const bf16* gate, bf16* up, std::size_t n) {
   for_each_vector<V>(n, [&](std::size_t i, std::size_t count) {
