@@ -4,11 +4,12 @@
 // A block has one scale d, so its weights take at most four values: the
 // saturating narrowing of +d or -d, or of (c - 1) * d for the codes 0 to 3,
 // each computed once per block in float as the portable set computes it per
-// weight. (Its (+1 or -1) * d compiles to a choice between d and -d, the
-// negation, which also flips the sign of a NaN scale; a product by -1.0f
-// would keep it.) The weights then only select among them:
-// q1_0_128 by a compare against each weight's sign bit, q1.58 by a byte
-// shuffle of the 2-bit codes into the low and high bytes of the values.
+// weight. (Its (+1 or -1) * d becomes, in an optimized build, a choice
+// between d and -d; the negation flips the sign of a NaN scale where a
+// product by -1.0f would keep it, and this set negates like that build.)
+// The weights then only select among the values: q1_0_128 by a compare
+// against each weight's sign bit, q1.58 by a byte shuffle of the 2-bit codes
+// into the low and high bytes of the values.
 #include "runtime/formats/q1_0.h"
 #include "runtime/formats/q1_58.h"
 #include "runtime/x86/avx2_float_lanes.h"
