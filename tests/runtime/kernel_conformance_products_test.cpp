@@ -159,6 +159,14 @@ TEST_P(ProductConformance, RowsBeyondThePreparedLengthStillAgree) {
   check_gemm("gemm_q1_58", &KernelBase::gemm_q1_58, kQ1_58Layout, 5, 3, 16384 + 128);
 }
 
+// More than four tokens (passes of four, two and one) at the longest rows
+// the SIMD sets prepare, over many passes of rows with a partial last pass.
+TEST_P(ProductConformance, SeveralTokensAtTheLongestPreparedRows) {
+  check_gemm("gemm_q8_0", &KernelBase::gemm_q8_0, kQ8_0Layout, 6, 37, 8192);
+  check_gemm("gemm_q1_0", &KernelBase::gemm_q1_0, kQ1_0Layout, 5, 170, 16384);
+  check_gemm("gemm_q1_58", &KernelBase::gemm_q1_58, kQ1_58Layout, 9, 90, 16384);
+}
+
 // The grouped logits tables (q8_0, q4_0, q5_0): whole groups of 32 rows, a
 // range starting at a later group (as a worker's share does), partial tail
 // blocks whose unused code bytes hold garbage.
@@ -245,6 +253,7 @@ TEST_P(TernaryConformance, SeveralTokens) {
     }
   }
   check_gemm(5, 4, 16384 + 128);  // beyond the prepared length: the portable path
+  check_gemm(7, 52, 16384);       // the longest prepared rows
 }
 
 // The int8 unembedding table: tiles of 32 x 32, whole tile rows, a range
