@@ -54,5 +54,31 @@ demo:
 	  --hidden 512 --intermediate 1536 --layers 6 --heads 4 --kv-heads 2 --head-dim 128 --vocab 4096 --max-pos 1024
 	./build-release/tools/host/quorvel-demo ./build-release/quorvel-inference $(DEMO_MODEL)
 
+# The 64-bit ARM build: cross-compiled with the aarch64 GNU toolchain
+# (g++-aarch64-linux-gnu) and run under qemu-user (qemu-aarch64), once as a
+# core with the 8-bit dot product (-cpu max, which must get the
+# "neon-dotprod" kernel set) and once as a Cortex-A53 without it ("neon"),
+# the two side by side. It runs the kernel conformance suites and the
+# end-to-end engine tests; those start the engine through qemu as well, so
+# the whole engine runs with each set.
+ARM_BUILD ?= build-arm
+ARM_TESTS := $(sort $(basename $(notdir $(wildcard tests/runtime/kernel_conformance_*_test.cpp tests/e2e/*_test.cpp))))
+ARM_SET_max := neon-dotprod
+ARM_SET_cortex-a53 := neon
+
+.PHONY: test-arm
+test-arm:
+	cmake -S . -B $(ARM_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake
+	cmake --build $(ARM_BUILD) -j $(JOBS) --target $(ARM_TESTS)
+	$(MAKE) --no-print-directory --output-sync=target -j 2 test-arm-cpu-max test-arm-cpu-cortex-a53
+
+test-arm-cpu-%:
+	@set -e; for test in $(ARM_TESTS); do \
+	  echo "== qemu-aarch64 -cpu $* $$test"; \
+	  QEMU_CPU=$* QUORVEL_EXPECT_KERNEL_SET=$(ARM_SET_$*) \
+	    qemu-aarch64 -L /usr/aarch64-linux-gnu $(ARM_BUILD)/tests/$$test --gtest_brief=1; \
+	done
+
 clean:
 	rm -rf build build-asan build-tsan build-release
