@@ -1,4 +1,5 @@
-// The AVX2 engine of the block-format products (q1_0_128, q1.58, q8_0).
+// The AVX2 engine of the block-format products (q1_0_128, q1.58, q8_0, and
+// the q4_0 / q5_0 logits).
 //
 // Every lane of a vector is one output: row l / kTokens and token
 // l % kTokens of a pass over 8 / kTokens weight rows. Per block column the

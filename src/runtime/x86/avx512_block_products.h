@@ -1,4 +1,5 @@
-// The AVX-512 engine of the block-format products (q1_0_128, q1.58, q8_0).
+// The AVX-512 engine of the block-format products (q1_0_128, q1.58, q8_0,
+// and the q4_0 / q5_0 logits).
 //
 // Every lane of a vector is one output: row l / kTokens and token
 // l % kTokens of a pass over 16 / kTokens weight rows. Per block column the
@@ -18,13 +19,12 @@
 // weights, activations) and block_sums(dots, activation block sums).
 #pragma once
 
-#include "runtime/x86/intrinsics.h"
-
 #include <cstddef>
 #include <cstdint>
 
-#include "runtime/x86/avx512_lanes.h"
 #include "runtime/formats/unembed_layout.h"
+#include "runtime/x86/avx512_lanes.h"
+#include "runtime/x86/intrinsics.h"
 #include "runtime/x86/pass_prefetch.h"
 #include "runtime/x86/prepared_activations.h"
 

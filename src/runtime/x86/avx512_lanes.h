@@ -9,12 +9,11 @@
 // build.
 #pragma once
 
-#include "runtime/x86/intrinsics.h"
-
 #include <cstddef>
 #include <cstdint>
 
 #include "runtime/bf16.h"
+#include "runtime/x86/intrinsics.h"
 
 namespace quorvel::kernels::x86::avx512 {
 

@@ -5,9 +5,9 @@
 // sum((c - 1) * x). A code 3 reads as 3, so it counts as weight +2.
 #pragma once
 
-#include "runtime/x86/intrinsics.h"
-
 #include <cstdint>
+
+#include "runtime/x86/intrinsics.h"
 
 namespace quorvel::kernels::x86::avx512 {
 
