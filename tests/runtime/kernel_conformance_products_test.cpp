@@ -95,7 +95,9 @@ class ProductConformance : public KernelConformanceTest {
   template <typename Out>
   void sweep_gemv(const char* op, Gemv<Out> gemv, const BlockLayout& layout, const std::vector<std::size_t>& ks) {
     for (std::size_t k : ks) {
-      for (std::size_t rows : {1, 2, 3, 4, 5, 6, 7, 8, 9, 15, 16, 17, 33}) check_gemv(op, gemv, layout, rows, k, 0, false);
+      for (std::size_t rows : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 15, 16, 17, 33}) {
+        check_gemv(op, gemv, layout, rows, k, 0, false);
+      }
       check_gemv(op, gemv, layout, 20, k, 3, false);
       check_gemv(op, gemv, layout, 37, k, 5, true);
     }
@@ -103,8 +105,8 @@ class ProductConformance : public KernelConformanceTest {
 
   void sweep_gemm(const char* op, Gemm gemm, const BlockLayout& layout, const std::vector<std::size_t>& ks) {
     for (std::size_t k : ks) {
-      for (std::size_t tokens = 1; tokens <= 9; ++tokens) {
-        for (std::size_t rows : {1, 3, 5, 8, 17}) check_gemm(op, gemm, layout, tokens, rows, k);
+      for (std::size_t tokens = 0; tokens <= 9; ++tokens) {
+        for (std::size_t rows : {0, 1, 3, 5, 8, 17}) check_gemm(op, gemm, layout, tokens, rows, k);
       }
     }
   }
@@ -238,7 +240,7 @@ class TernaryConformance : public ProductConformance {
 
 TEST_P(TernaryConformance, SingleToken) {
   for (std::size_t k : {128, 256, 2048, 2560, 4096, 6912}) {
-    for (std::size_t rows : {4, 8, 12, 16, 20, 36}) check_gemv(rows, k, 0, 1.7);
+    for (std::size_t rows : {0, 4, 8, 12, 16, 20, 36}) check_gemv(rows, k, 0, 1.7);
     check_gemv(12, k, 3, 0.02);
   }
   // Products beyond the bf16 range become infinity; a NaN gamma stays NaN.
@@ -248,8 +250,8 @@ TEST_P(TernaryConformance, SingleToken) {
 
 TEST_P(TernaryConformance, SeveralTokens) {
   for (std::size_t k : {128, 2560}) {
-    for (std::size_t tokens = 1; tokens <= 9; ++tokens) {
-      for (std::size_t rows : {4, 12, 20}) check_gemm(tokens, rows, k);
+    for (std::size_t tokens = 0; tokens <= 9; ++tokens) {
+      for (std::size_t rows : {0, 4, 12, 20}) check_gemm(tokens, rows, k);
     }
   }
   check_gemm(5, 4, 16384 + 128);  // beyond the prepared length: the portable path
