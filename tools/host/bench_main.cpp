@@ -94,7 +94,8 @@ Speeds run(const std::string& engine, const fs::path& model, unsigned threads) {
   std::mt19937_64 random(11);
   std::string tokens;
   for (std::size_t i = 0; i < kPromptTokens; ++i) {
-    tokens += (i ? "," : "") + std::to_string(random() % config.vocab_size);
+    if (i) tokens += ',';
+    tokens += std::to_string(random() % config.vocab_size);
   }
   const std::string request = "3\ntokens=" + tokens + "\nmax_tokens=" + std::to_string(kDecodeTokens + 1) +
                               "\ntemperature=0\n";

@@ -27,7 +27,10 @@ std::string read_text(const std::string& path) {
 std::string request(std::uint64_t kv_position, const std::vector<std::int64_t>& tokens) {
   std::ostringstream block;
   std::string list;
-  for (auto t : tokens) list += (list.empty() ? "" : ",") + std::to_string(t);
+  for (auto t : tokens) {
+    if (!list.empty()) list += ',';
+    list += std::to_string(t);
+  }
   block << "4\nkv_position=" << kv_position << "\ntokens=" << list << "\nmax_tokens=48\ntemperature=0.7\n";
   return block.str();
 }
