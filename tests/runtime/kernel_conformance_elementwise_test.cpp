@@ -220,7 +220,7 @@ TEST_P(ElementwiseConformance, RopeKeepsTheFusedOrderOverManyRows) {
 TEST_P(ElementwiseConformance, Relu2Gate) { check_gate("relu2_mul_bf16", &KernelBase::relu2_mul_bf16); }
 
 // The ARM sets take silu's reciprocal from the processor's estimate and one
-// Newton step, which the design allows; kernel_conformance_arm_test checks
+// Newton step, a deliberate difference; kernel_conformance_arm_test checks
 // them within a bound. Every other set divides and must match exactly.
 TEST_P(ElementwiseConformance, SiluGate) {
   if (std::string(GetParam()->name).rfind("neon", 0) == 0) GTEST_SKIP() << "silu uses a reciprocal estimate here";

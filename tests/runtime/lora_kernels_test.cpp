@@ -81,7 +81,7 @@ void expect_update_matches_double(const LoraCase& c, const std::vector<double>& 
 
 // ---- bf16 factors ---------------------------------------------------------
 
-// The design fixes every rounding of the bf16 update, so the same steps in
+// The kernel contract fixes every rounding of the bf16 update, so the same steps in
 // float here must give identical bits.
 TEST(LoraBf16, EqualsTheSameOrderInFloat) {
   KernelInputs inputs(51);
