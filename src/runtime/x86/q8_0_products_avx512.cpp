@@ -1,5 +1,6 @@
-// q8_0 products (int8 codes, an f32 scale per 32 values) on AVX-512 VNNI,
-// for weight rows and for the grouped unembedding table. Two blocks of a row
+// q8_0 single-token products (int8 codes, an f32 scale per 32 values) on
+// AVX-512 VNNI, for weight rows and for the grouped unembedding table (the
+// several-token product is q8_0_gemm_avx512.cpp). Two blocks of a row
 // fill one vector. VPDPBUSD wants one unsigned operand, so the codes are
 // flipped to q + 128 and S_b = sum((q + 128) * x) - 128 * sum(x). A row whose
 // length is not a whole number of blocks ends in a partial block whose
@@ -46,12 +47,6 @@ avx512::WeightRows plain_rows(const void* w, std::size_t rows, std::size_t k) {
 }
 
 }  // namespace
-
-void Avx512Kernels::gemm_q8_0(const void* w, const std::int8_t* x, const float* x_scales, bf16* out,
-                              size_t out_stride, size_t n_tokens, size_t rows, size_t k) const {
-  if (!PreparedActivations::fits(k)) return PortableKernels::gemm_q8_0(w, x, x_scales, out, out_stride, n_tokens, rows, k);
-  avx512::block_products<Q8_0Format>(plain_rows(w, rows, k), x, x_scales, n_tokens, k, out, out_stride);
-}
 
 void Avx512Kernels::gemv_q8_0(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,
                               size_t k) const {
