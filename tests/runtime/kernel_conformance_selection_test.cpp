@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "runtime/kernel_sets.h"
 
@@ -43,6 +45,16 @@ TEST(KernelSelection, AccessorTakesTheFirstSupportedSet) {
     EXPECT_FALSE(set.supported()) << set.name << " is preferred and supported but was passed over";
   }
   EXPECT_EQ(&kernels(), &kernels());
+}
+
+// First calls racing from several threads all get the one object.
+TEST(KernelSelection, ConcurrentFirstCallsShareOneSet) {
+  constexpr int kThreads = 8;
+  std::vector<const KernelBase*> seen(kThreads);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) threads.emplace_back([&seen, i] { seen[i] = &kernels(); });
+  for (std::thread& t : threads) t.join();
+  for (const KernelBase* k : seen) EXPECT_EQ(k, seen[0]);
 }
 
 TEST(KernelSelection, PicksAvx512WhereTheProcessorHasIt) {
