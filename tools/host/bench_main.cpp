@@ -102,6 +102,7 @@ Speeds run(const std::string& engine, const fs::path& model, unsigned threads) {
 
   quorvel::host::EngineSession session({engine, model.string()});
   session.send(init);
+  quorvel::host::wait_until_loaded(session);
   const auto answer = quorvel::host::ask_lines(session, request, kDecodeTokens + 3);
   session.finish();
   if (answer.lines.size() != kDecodeTokens + 3) throw std::runtime_error("the engine stopped early");

@@ -76,6 +76,7 @@ int main(int argc, char** argv) {
 
   quorvel::host::EngineSession engine({argv[1], model_dir});
   engine.send(init);
+  quorvel::host::wait_until_loaded(engine);
   const auto first_prompt = prompt(32);
   const TimedAnswer first = quorvel::host::ask(engine, request(0, first_prompt), eos);
   if (first.lines.size() < 2) return engine.finish();  // the engine's own message says why

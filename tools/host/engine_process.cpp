@@ -149,6 +149,8 @@ TimedAnswer ask(EngineSession& session, const std::string& block, const std::vec
   });
 }
 
+void wait_until_loaded(EngineSession& session) { ask_lines(session, "1\nkv_position=0\n", 2); }
+
 TimedAnswer ask_lines(EngineSession& session, const std::string& block, std::size_t lines) {
   std::size_t seen = 0;
   return collect(session, block, [&](const std::string&) { return ++seen == lines; });

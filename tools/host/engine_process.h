@@ -54,6 +54,11 @@ struct TimedAnswer {
 // end-of-sequence id (one of `eos_ids`), then the position line.
 TimedAnswer ask(EngineSession& session, const std::string& block, const std::vector<long long>& eos_ids);
 
+// Sends an empty request and waits for its two answer lines: the engine
+// answers only once the model is loaded, so timings taken after this
+// measure generation, not loading.
+void wait_until_loaded(EngineSession& session);
+
 // Sends one request block and reads exactly `lines` lines, for runs whose
 // length is fixed by max_tokens and that configure no end-of-sequence id.
 TimedAnswer ask_lines(EngineSession& session, const std::string& block, std::size_t lines);
