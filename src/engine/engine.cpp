@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
+#include <string>
 #include <string>
 #include <system_error>
 
@@ -26,20 +28,18 @@ int fail(const std::string& message) {
   return 1;
 }
 
-// Qwen3.5 files may carry sections this engine cannot run.
-bool refuse_qwen3_5_sections(const InitConfig& config, const ModelFileInfo& info) {
-  if (static_cast<ArchType>(config.arch_type) != ArchType::QWEN3_5) return false;
+// Qwen3.5 files may carry sections that this engine cannot run.
+std::optional<std::string> qwen3_5_refusal(const InitConfig& config, const ModelFileInfo& info) {
+  if (static_cast<ArchType>(config.arch_type) != ArchType::QWEN3_5) return std::nullopt;
   if (info.has_section_2) {
-    fail("Error: Qwen3.5 visual sections are present in qmodel.tensors, but multimodal runtime support is not "
-         "implemented yet.");
-    return true;
+    return "Error: Qwen3.5 visual sections are present in qmodel.tensors, but multimodal runtime support is not "
+           "implemented yet.";
   }
   if (info.has_section_3) {
-    fail("Error: Qwen3.5 MTP sections are present in qmodel.tensors, but MTP runtime support is not implemented "
-         "yet.");
-    return true;
+    return "Error: Qwen3.5 MTP sections are present in qmodel.tensors, but MTP runtime support is not "
+           "implemented yet.";
   }
-  return false;
+  return std::nullopt;
 }
 
 // The optional adapter in config.lora_dir. A missing "qmodel.lora" is no
@@ -92,7 +92,7 @@ int run_engine(int argc, char** argv) {
   ModelFileInfo info;
   if (!check_model_header(tensors, config.arch_type, &info)) return 1;
   if (!check_rope_header(rope, kRopeCacheVersion)) return 1;
-  if (refuse_qwen3_5_sections(config, info)) return 1;
+  if (auto refusal = qwen3_5_refusal(config, info)) return fail(*refusal);
 
   std::unique_ptr<ModelBase> model = create_model(tensors, rope, config);
   if (!config.lora_dir.empty() && !load_lora_adapter(*model, config.lora_dir)) return 1;
