@@ -5,7 +5,6 @@
 #include <iterator>
 #include <sstream>
 #include <string>
-#include <utility>
 
 #include "support/capture_stderr.h"
 
@@ -32,87 +31,55 @@ BlockRead read_one(const std::string& input) {
   return read;
 }
 
-TEST(ReadBlockCount, ZeroAndNegativeCountsReturnThemselvesAndReadNothingMore) {
-  for (const auto& [input, expected] : {std::pair{"0\nk=v\n", 0}, {"-3\nk=v\n", -3}, {"  -1\nk=v\n", -1}}) {
-    const BlockRead read = read_one(input);
-    EXPECT_EQ(read.result, expected) << input;
-    EXPECT_TRUE(read.block.empty()) << input;
-    EXPECT_EQ(read.rest, "k=v\n") << input;
-    EXPECT_EQ(read.stderr_text, "") << input;
-  }
-}
+// One case of the framing: the input, and what the reader returns, fills
+// in, reports and leaves unread.
+struct FramingCase {
+  const char* input;
+  std::int32_t result;
+  KeyValueBlock block;
+  const char* stderr_text;
+  const char* rest;
+};
 
-TEST(ReadBlockCount, TrailingTextAfterDigitsAndLeadingBlanksAreAccepted) {
-  const BlockRead read = read_one(" 2abc\na=1\nb=2\nnext\n");
-  EXPECT_EQ(read.result, 2);
-  EXPECT_EQ(read.block, (KeyValueBlock{{"a", "1"}, {"b", "2"}}));
-  EXPECT_EQ(read.rest, "next\n");
-  EXPECT_EQ(read.stderr_text, "");
-}
-
-TEST(ReadBlockCount, NonIntegerCountLinesAreProtocolErrorsQuotingTheLine) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"abc\n", "Protocol error: expected integer count, got 'abc'\n"},
-      {"\n", "Protocol error: expected integer count, got ''\n"},
-      {"2147483648\n", "Protocol error: expected integer count, got '2147483648'\n"},
-      {"x1\r\n", "Protocol error: expected integer count, got 'x1\r'\n"},
+TEST(ReadBlock, FramesCountsAndLinesAsTheProtocolSays) {
+  const FramingCase cases[] = {
+      // Zero and negative counts return themselves and read nothing more.
+      {"0\nk=v\n", 0, {}, "", "k=v\n"},
+      {"-3\nk=v\n", -3, {}, "", "k=v\n"},
+      {"  -1\nk=v\n", -1, {}, "", "k=v\n"},
+      // Leading blanks and text after the digits are accepted.
+      {" 2abc\na=1\nb=2\nnext\n", 2, {{"a", "1"}, {"b", "2"}}, "", "next\n"},
+      // Exhausted input is -1, silently.
+      {"", -1, {}, "", ""},
+      // A non-integer count line is quoted whole.
+      {"abc\n", -1, {}, "Protocol error: expected integer count, got 'abc'\n", ""},
+      {"\n", -1, {}, "Protocol error: expected integer count, got ''\n", ""},
+      {"2147483648\n", -1, {}, "Protocol error: expected integer count, got '2147483648'\n", ""},
+      {"x1\r\n", -1, {}, "Protocol error: expected integer count, got 'x1\r'\n", ""},
+      // Input ending inside the block names the missing line; what was read stays.
+      {"2\na=1\n", -1, {{"a", "1"}}, "Protocol error: EOF reading key=value line 2 of 2\n", ""},
+      {"3\n", -1, {}, "Protocol error: EOF reading key=value line 1 of 3\n", ""},
+      // A last line without a line feed still counts.
+      {"1\nk=v", 1, {{"k", "v"}}, "", ""},
+      // Malformed lines are warned and counted; the split is at the first '='.
+      {"4\nx\na=1\n\nb=c=d\nnext=1\n", 4, {{"a", "1"}, {"b", "c=d"}},
+       "Warning: malformed key=value line: 'x'\nWarning: malformed key=value line: ''\n", "next=1\n"},
+      // The last duplicate wins; empty keys and values are kept.
+      {"3\na=1\nb=0\na=2\n", 3, {{"a", "2"}, {"b", "0"}}, "", ""},
+      {"1\n=v\n", 1, {{"", "v"}}, "", ""},
+      {"1\nk=\n", 1, {{"k", ""}}, "", ""},
+      {"1\n=\n", 1, {{"", ""}}, "", ""},
+      // Carriage returns and blanks stay part of keys and values.
+      {"2\r\nk=v\r\n k = v \n", 2, {{"k", "v\r"}, {" k ", " v "}}, "", ""},
   };
-  for (const auto& [input, message] : cases) {
-    const BlockRead read = read_one(input);
-    EXPECT_EQ(read.result, -1) << input;
-    EXPECT_TRUE(read.block.empty()) << input;
-    EXPECT_EQ(read.stderr_text, message);
+  for (const FramingCase& c : cases) {
+    SCOPED_TRACE(c.input);
+    const BlockRead read = read_one(c.input);
+    EXPECT_EQ(read.result, c.result);
+    EXPECT_EQ(read.block, c.block);
+    EXPECT_EQ(read.stderr_text, c.stderr_text);
+    EXPECT_EQ(read.rest, c.rest);
   }
-}
-
-TEST(ReadBlockCount, ExhaustedInputReturnsMinusOneSilently) {
-  const BlockRead read = read_one("");
-  EXPECT_EQ(read.result, -1);
-  EXPECT_TRUE(read.block.empty());
-  EXPECT_EQ(read.stderr_text, "");
-}
-
-TEST(ReadBlockLines, InputEndingInsideTheBlockNamesTheMissingLine) {
-  const BlockRead two_of_two = read_one("2\na=1\n");
-  EXPECT_EQ(two_of_two.result, -1);
-  EXPECT_EQ(two_of_two.stderr_text, "Protocol error: EOF reading key=value line 2 of 2\n");
-
-  const BlockRead one_of_three = read_one("3\n");
-  EXPECT_EQ(one_of_three.result, -1);
-  EXPECT_EQ(one_of_three.stderr_text, "Protocol error: EOF reading key=value line 1 of 3\n");
-}
-
-TEST(ReadBlockLines, LastLineWithoutLineFeedStillCounts) {
-  const BlockRead read = read_one("1\nk=v");
-  EXPECT_EQ(read.result, 1);
-  EXPECT_EQ(read.block, (KeyValueBlock{{"k", "v"}}));
-}
-
-TEST(ReadBlockLines, MalformedLinesAreWarnedAndCountedAndSplitIsAtFirstEquals) {
-  const BlockRead read = read_one("4\nx\na=1\n\nb=c=d\nnext=1\n");
-  EXPECT_EQ(read.result, 4);
-  EXPECT_EQ(read.block, (KeyValueBlock{{"a", "1"}, {"b", "c=d"}}));
-  EXPECT_EQ(read.stderr_text,
-            "Warning: malformed key=value line: 'x'\n"
-            "Warning: malformed key=value line: ''\n");
-  EXPECT_EQ(read.rest, "next=1\n");
-}
-
-TEST(ReadBlockLines, LastDuplicateWins) {
-  const BlockRead read = read_one("3\na=1\nb=0\na=2\n");
-  EXPECT_EQ(read.block, (KeyValueBlock{{"a", "2"}, {"b", "0"}}));
-}
-
-TEST(ReadBlockLines, EmptyKeysAndEmptyValuesAreKept) {
-  EXPECT_EQ(read_one("1\n=v\n").block, (KeyValueBlock{{"", "v"}}));
-  EXPECT_EQ(read_one("1\nk=\n").block, (KeyValueBlock{{"k", ""}}));
-  EXPECT_EQ(read_one("1\n=\n").block, (KeyValueBlock{{"", ""}}));
-}
-
-TEST(ReadBlockLines, CarriageReturnsAndBlanksStayPartOfKeysAndValues) {
-  const BlockRead read = read_one("2\r\nk=v\r\n k = v \n");
-  EXPECT_EQ(read.result, 2);
-  EXPECT_EQ(read.block, (KeyValueBlock{{"k", "v\r"}, {" k ", " v "}}));
 }
 
 TEST(ReadBlockLines, ConsecutiveBlocksAreFramedIndependently) {
