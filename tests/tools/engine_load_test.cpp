@@ -22,16 +22,7 @@ class EngineLoad : public ::testing::TestWithParam<std::tuple<std::int32_t, bool
 
 TEST_P(EngineLoad, ConsumesBothFilesExactly) {
   const auto [arch, tied, bias] = GetParam();
-  InitConfig config;
-  config.arch_type = arch;
-  config.hidden_dim = 256;
-  config.intermediate_dim = 384;
-  config.num_layers = 2;
-  config.num_heads = 4;
-  config.num_kv_heads = 1;
-  config.head_dim = 128;
-  config.vocab_size = 37;
-  config.max_position_embeddings = 16;
+  InitConfig config = testing::small_config(arch);
   config.tie_word_embeddings = tied;
   config.has_qkv_bias = bias;
   TempDir dir;

@@ -30,26 +30,14 @@ namespace quorvel::tools {
 namespace {
 
 using testing::read_file;
+using testing::small_config;
 using testing::TempDir;
 using testing::value_at;
 
-InitConfig small_config(std::int32_t arch) {
-  InitConfig config;
-  config.arch_type = arch;
-  config.hidden_dim = 256;
-  config.intermediate_dim = 384;
-  config.num_layers = 2;
-  config.num_heads = 2;
-  config.num_kv_heads = 1;
-  config.head_dim = 128;
-  config.vocab_size = 37;
-  config.max_position_embeddings = 8;
-  return config;
-}
 
 // (in, out) of K, V, Q, O, FFN 1, FFN 2, down for small_config.
 const std::array<std::pair<std::uint64_t, std::uint64_t>, 7> kShapes = {
-    {{256, 128}, {256, 128}, {256, 256}, {256, 256}, {256, 384}, {256, 384}, {384, 256}}};
+    {{256, 128}, {256, 128}, {256, 512}, {512, 256}, {256, 384}, {256, 384}, {384, 256}}};
 
 const LoraTargetSet kNone{};
 

@@ -20,23 +20,9 @@ namespace quorvel::tools {
 namespace {
 
 using testing::read_file;
+using testing::small_config;
 using testing::TempDir;
 using testing::value_at;
-
-// Distinct widths, so that a tensor written with the wrong one changes the
-// layout: hidden 256, attention 512, K/V 128, FFN 384.
-InitConfig small_config(std::int32_t arch) {
-  InitConfig config;
-  config.arch_type = arch;
-  config.hidden_dim = 256;
-  config.intermediate_dim = 384;
-  config.num_layers = 2;
-  config.num_heads = 4;
-  config.num_kv_heads = 1;
-  config.head_dim = 128;
-  config.vocab_size = 37;
-  return config;
-}
 
 std::uint64_t table_bytes(const InitConfig& c) {
   const std::uint64_t rows = c.vocab_size;

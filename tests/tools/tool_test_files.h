@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "engine/init_config.h"
+
 namespace quorvel::tools::testing {
 
 // A fresh directory under the system temporary directory, removed with its
@@ -57,6 +59,23 @@ class CapturedCerr {
   std::ostringstream captured_;
   std::streambuf* saved_;
 };
+
+// A model small enough to write in milliseconds whose widths all differ
+// (hidden 256, attention 512, K/V 128, FFN 384), so that a tensor written or
+// read with the wrong one changes the layout.
+inline InitConfig small_config(std::int32_t arch) {
+  InitConfig config;
+  config.arch_type = arch;
+  config.hidden_dim = 256;
+  config.intermediate_dim = 384;
+  config.num_layers = 2;
+  config.num_heads = 4;
+  config.num_kv_heads = 1;
+  config.head_dim = 128;
+  config.vocab_size = 37;
+  config.max_position_embeddings = 16;
+  return config;
+}
 
 inline std::vector<std::uint8_t> read_file(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
