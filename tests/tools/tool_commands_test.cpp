@@ -6,7 +6,9 @@
 
 #include <fstream>
 #include <sstream>
+#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "engine/key_value_block.h"
@@ -27,17 +29,16 @@ struct ToolRun {
   std::string err;
 };
 
-ToolRun make_model(std::vector<std::string_view> args) {
+using ToolCommand = int (*)(std::span<const std::string_view>, std::ostream&);
+
+ToolRun run_tool(ToolCommand command, std::vector<std::string_view> args) {
   std::ostringstream err;
-  const int status = run_make_model(args, err);
+  const int status = command(args, err);
   return {status, err.str()};
 }
 
-ToolRun make_rope(std::vector<std::string_view> args) {
-  std::ostringstream err;
-  const int status = run_make_rope(args, err);
-  return {status, err.str()};
-}
+ToolRun make_model(std::vector<std::string_view> args) { return run_tool(run_make_model, std::move(args)); }
+ToolRun make_rope(std::vector<std::string_view> args) { return run_tool(run_make_rope, std::move(args)); }
 
 InitConfig parse_init_file(const std::filesystem::path& path) {
   std::istringstream in(read_text(path));
