@@ -186,29 +186,26 @@ TYPED_TEST(LinearFormatTest, FileEndingInsideTheBiasFailsAfterTheWeights) {
                                       "Failed to read linear bias");
 }
 
-TYPED_TEST(LinearFormatTest, OneTokenMatchesTheKernelOverAllRowsWithPoolOrInline) {
+// One token goes to the single-token kernel, more to the batched one (9: two
+// chunks of 4 and a tail of 1); the pool's split and the inline path must
+// both give the kernel's result over all rows.
+TYPED_TEST(LinearFormatTest, ForwardMatchesTheKernelWithPoolOrInline) {
   auto layer = this->load(this->weights_payload(), false);
-  this->activations(1);
-  std::vector<bf16> direct(this->kOut), pooled(this->kOut), inline_rows(this->kOut);
-  TypeParam::one_token(*layer, this->codes.data(), this->scales[0], direct.data());
-  EXPECT_EQ(layer->forward(this->codes.data(), this->scales.data(), 1, pooled.data(), nullptr), pooled.data());
-  quorvel::testing::run_inside_job(
-      [&] { layer->forward(this->codes.data(), this->scales.data(), 1, inline_rows.data(), nullptr); });
-  EXPECT_TRUE(same_bits(pooled, direct));
-  EXPECT_TRUE(same_bits(inline_rows, direct));
-}
-
-TYPED_TEST(LinearFormatTest, SeveralTokensMatchTheBatchedKernelWithPoolOrInline) {
-  auto layer = this->load(this->weights_payload(), false);
-  constexpr std::uint64_t n = 9;  // two chunks of 4 and a tail of 1
-  this->activations(n);
-  std::vector<bf16> direct(n * this->kOut), pooled(n * this->kOut), inline_rows(n * this->kOut);
-  TypeParam::tokens(*layer, this->codes.data(), this->scales.data(), n, direct.data());
-  layer->forward(this->codes.data(), this->scales.data(), n, pooled.data(), nullptr);
-  quorvel::testing::run_inside_job(
-      [&] { layer->forward(this->codes.data(), this->scales.data(), n, inline_rows.data(), nullptr); });
-  EXPECT_TRUE(same_bits(pooled, direct));
-  EXPECT_TRUE(same_bits(inline_rows, direct));
+  for (std::uint64_t n : {1u, 9u}) {
+    SCOPED_TRACE(n);
+    this->activations(n);
+    std::vector<bf16> direct(n * this->kOut), pooled(n * this->kOut), inline_rows(n * this->kOut);
+    if (n == 1) {
+      TypeParam::one_token(*layer, this->codes.data(), this->scales[0], direct.data());
+    } else {
+      TypeParam::tokens(*layer, this->codes.data(), this->scales.data(), n, direct.data());
+    }
+    EXPECT_EQ(layer->forward(this->codes.data(), this->scales.data(), n, pooled.data(), nullptr), pooled.data());
+    quorvel::testing::run_inside_job(
+        [&] { layer->forward(this->codes.data(), this->scales.data(), n, inline_rows.data(), nullptr); });
+    EXPECT_TRUE(same_bits(pooled, direct));
+    EXPECT_TRUE(same_bits(inline_rows, direct));
+  }
 }
 
 TYPED_TEST(LinearFormatTest, BatchEqualsOneCallPerToken) {
@@ -310,11 +307,6 @@ TEST(AutoQ8_0LinearTest, OddWidthIsQuantizedRowByRowAtLoad) {
   std::vector<std::uint8_t> expected(out * layer.row_bytes(), 0);
   k().quantize_rows_q8_0(source.data(), out, in, expected.data());
   EXPECT_EQ(std::vector<std::uint8_t>(layer.weights(), layer.weights() + expected.size()), expected);
-}
-
-TEST(LayerPoolTest, RunsWithTwoThreads) {
-  EXPECT_EQ(thread_count(), 2u);
-  EXPECT_EQ(ThreadPool::instance().threads(), 2u);
 }
 
 }  // namespace
