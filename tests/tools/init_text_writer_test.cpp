@@ -14,8 +14,9 @@
 namespace quorvel::tools {
 namespace {
 
-// Parses `text` as the engine does, failing the test on any warning or on
-// text left after the block.
+// Parses `text` as the engine does, failing the test on any warning (such as
+// a line without '='), on a count that differs from the lines that follow, or
+// on text left after the block.
 InitConfig engine_reading(const std::string& text) {
   std::istringstream in(text);
   testing::CapturedCerr warnings;
@@ -83,7 +84,9 @@ void expect_same_record(const InitConfig& got, const InitConfig& want) {
 
 TEST(InitTextWriter, UnusualValuesRoundTripThroughTheEngineParser) {
   const InitConfig written = unusual_config();
-  expect_same_record(engine_reading(format_init_text(written)), written);
+  const std::string text = format_init_text(written);
+  EXPECT_EQ(text.substr(0, 15), "21\narch_type=5\n");  // every field but the derived EOS count
+  expect_same_record(engine_reading(text), written);
 }
 
 TEST(InitTextWriter, DefaultsRoundTripWithAnEmptyEosListAndNoLoraDir) {
@@ -93,21 +96,6 @@ TEST(InitTextWriter, DefaultsRoundTripWithAnEmptyEosListAndNoLoraDir) {
   EXPECT_NE(text.find("\neos_tokens=\n"), std::string::npos);
   EXPECT_EQ(text.find("lora_dir"), std::string::npos);
   expect_same_record(engine_reading(text), written);
-}
-
-TEST(InitTextWriter, CountLineMatchesTheLinesThatFollow) {
-  const std::string text = format_init_text(unusual_config());
-  std::istringstream in(text);
-  std::string line;
-  std::getline(in, line);
-  const int count = std::stoi(line);
-  int lines = 0;
-  while (std::getline(in, line)) {
-    EXPECT_NE(line.find('='), std::string::npos) << line;
-    ++lines;
-  }
-  EXPECT_EQ(lines, count);
-  EXPECT_EQ(text.substr(0, 15), "21\narch_type=5\n");
 }
 
 TEST(InitTextWriter, RefusesAFormatWithoutConfigText) {
