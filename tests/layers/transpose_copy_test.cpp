@@ -41,22 +41,16 @@ class TransposeCopyTest : public ::testing::TestWithParam<Shape> {
   std::uint64_t stride = 0;
 };
 
-TEST_P(TransposeCopyTest, SerialTilesEqualNaiveTranspose) {
-  std::vector<bf16> dst = fresh();
-  transpose_dimension_tiles(copy_into(dst), 0, dimension_tiles(GetParam().dims));
-  EXPECT_TRUE(same_bits(dst, expected));
-}
-
-TEST_P(TransposeCopyTest, DispatchedCopyEqualsNaiveTranspose) {
-  std::vector<bf16> dst = fresh();
-  transpose_copy(copy_into(dst));
-  EXPECT_TRUE(same_bits(dst, expected));
-}
-
-TEST_P(TransposeCopyTest, CopyInsideAJobEqualsNaiveTranspose) {
-  std::vector<bf16> dst = fresh();
-  quorvel::testing::run_inside_job([&] { transpose_copy(copy_into(dst)); });
-  EXPECT_TRUE(same_bits(dst, expected));
+// The serial tile loop, the dispatched copy (over the pool when it splits)
+// and the copy inside a job (inline) all equal the naive transpose.
+TEST_P(TransposeCopyTest, EveryPathEqualsNaiveTranspose) {
+  std::vector<bf16> serial = fresh(), dispatched = fresh(), in_job = fresh();
+  transpose_dimension_tiles(copy_into(serial), 0, dimension_tiles(GetParam().dims));
+  transpose_copy(copy_into(dispatched));
+  quorvel::testing::run_inside_job([&] { transpose_copy(copy_into(in_job)); });
+  EXPECT_TRUE(same_bits(serial, expected));
+  EXPECT_TRUE(same_bits(dispatched, expected));
+  EXPECT_TRUE(same_bits(in_job, expected));
 }
 
 INSTANTIATE_TEST_SUITE_P(OddSizes, TransposeCopyTest,
