@@ -34,6 +34,7 @@ void tile_row_sums8(const std::int8_t* tiles, const std::int8_t* x, size_t k, st
   for (size_t c = 0; c < k; c += kI8Tile, tiles += kI8Tile * kI8Tile) {
     const int8x16_t x_low = vld1q_s8(x + c);
     const int8x16_t x_high = vld1q_s8(x + c + 16);
+#pragma GCC unroll 8
     for (size_t i = 0; i < kRowsPerPass; ++i) lanes[i] = add_row_chunk(lanes[i], tiles + i * kI8Tile, x_low, x_high);
   }
   vst1q_s32(sums, row_totals(lanes[0], lanes[1], lanes[2], lanes[3]));

@@ -38,7 +38,8 @@ using std::size_t;
 
 // S_b of rows r0..r3 of one block column (lane i = row i).
 template <typename Policy>
-int32x4_t block_sums4(const typename Policy::Block* const* row, const typename Policy::Column& column) {
+[[gnu::always_inline]] inline int32x4_t block_sums4(const typename Policy::Block* const* row,
+                                                    const typename Policy::Column& column) {
   return Policy::finish(row_totals(Policy::row_lanes(*row[0], column), Policy::row_lanes(*row[1], column),
                                    Policy::row_lanes(*row[2], column), Policy::row_lanes(*row[3], column)),
                         column);
@@ -46,14 +47,16 @@ int32x4_t block_sums4(const typename Policy::Block* const* row, const typename P
 
 // S_b of rows r0, r1 of one block column, in lanes 0 and 1 (and again in 2 and 3).
 template <typename Policy>
-int32x4_t block_sums2(const typename Policy::Block* const* row, const typename Policy::Column& column) {
+[[gnu::always_inline]] inline int32x4_t block_sums2(const typename Policy::Block* const* row,
+                                                    const typename Policy::Column& column) {
   const int32x4_t pair = vpaddq_s32(Policy::row_lanes(*row[0], column), Policy::row_lanes(*row[1], column));
   return Policy::finish(vpaddq_s32(pair, pair), column);
 }
 
 template <typename Block>
-float32x4_t block_scales(const Block* const* row, size_t lanes) {
+[[gnu::always_inline]] inline float32x4_t block_scales(const Block* const* row, size_t lanes) {
   float d[4];
+#pragma GCC unroll 4
   for (size_t i = 0; i < 4; ++i) d[i] = block_scale(*row[i % lanes]);
   return vld1q_f32(d);
 }
@@ -75,6 +78,7 @@ void dot_block_rows(const typename Policy::Block* first, size_t row_step, size_t
   const size_t whole = k / Block::kValues;
   for (size_t col = 0; col < whole; ++col) {
     const typename Policy::Column column = Policy::load_column(x + col * Block::kValues);
+#pragma GCC unroll 2
     for (size_t v = 0; v < kVectors; ++v) {
       const Block* const* group = row + 4 * v;
       int32x4_t s;
@@ -86,6 +90,7 @@ void dot_block_rows(const typename Policy::Block* first, size_t row_step, size_t
       const float32x4_t d = block_scales(group, std::min<size_t>(kRows, 4));
       sums[v] = vaddq_f32(sums[v], vmulq_f32(d, vcvtq_f32_s32(s)));
     }
+#pragma GCC unroll 8
     for (const Block*& r : row) r += block_step;
   }
 

@@ -22,6 +22,7 @@ struct Activations128 {
 
 [[gnu::always_inline]] inline Activations128 load_activations128(const std::int8_t* x) {
   Activations128 a;
+#pragma GCC unroll 8
   for (std::size_t m = 0; m < 8; ++m) a.v[m] = vld1q_s8(x + 16 * m);
   return a;
 }
@@ -30,6 +31,7 @@ struct Activations128 {
 // lane holds at most 16 values, 16 * 128 = 2048).
 [[gnu::always_inline]] inline std::int32_t activation_sum128(const Activations128& a) {
   int16x8_t pairs = vpaddlq_s8(a.v[0]);
+#pragma GCC unroll 8
   for (std::size_t m = 1; m < 8; ++m) pairs = vpadalq_s8(pairs, a.v[m]);
   return vaddlvq_s16(pairs);
 }
@@ -83,17 +85,28 @@ struct TernaryCodes {
   return c;
 }
 
-// All ones where weight 16m + i (i < 16) of a q1_0_128 block has its sign bit
-// set, zero where it is clear. Weight 8k + j is bit 7 - j of sign byte k, so
-// lanes 0..7 test byte 2m and lanes 8..15 byte 2m + 1, most significant bit
-// first.
-[[gnu::always_inline]] inline uint8x16_t q1_0_positive_mask(uint8x16_t signs, std::size_t m) {
+// The sign masks of a q1_0_128 block in weight order: v[m] lane i is all
+// ones where weight 16m + i has its sign bit set, zero where it is clear.
+// Weight 8k + j is bit 7 - j of sign byte k, so v[m] spreads byte 2m over
+// lanes 0..7 and byte 2m + 1 over lanes 8..15 (one table lookup) and tests
+// each lane's bit, most significant first.
+struct Q1_0SignMasks {
+  uint8x16_t v[8];
+};
+
+[[gnu::always_inline]] inline Q1_0SignMasks load_q1_0_positive_masks(const std::uint8_t* signs) {
   static constexpr std::uint8_t kBits[16] = {0x80, 0x40, 0x20, 0x10, 0x08, 0x04, 0x02, 0x01,
                                              0x80, 0x40, 0x20, 0x10, 0x08, 0x04, 0x02, 0x01};
-  const auto byte = static_cast<std::uint8_t>(2 * m);
-  const uint8x16_t spread =
-      vqtbl1q_u8(signs, vcombine_u8(vdup_n_u8(byte), vdup_n_u8(static_cast<std::uint8_t>(byte + 1))));
-  return vtstq_u8(spread, vld1q_u8(kBits));
+  const uint8x16_t bytes = vld1q_u8(signs);
+  const uint8x16_t bits = vld1q_u8(kBits);
+  uint8x16_t spread = vcombine_u8(vdup_n_u8(0), vdup_n_u8(1));
+  Q1_0SignMasks masks;
+#pragma GCC unroll 8
+  for (std::size_t m = 0; m < 8; ++m) {
+    masks.v[m] = vtstq_u8(vqtbl1q_u8(bytes, spread), bits);
+    spread = vaddq_u8(spread, vdupq_n_u8(2));
+  }
+  return masks;
 }
 
 // Lane i of the result is the total of the four lanes of row i.

@@ -18,11 +18,10 @@ struct Q1_0SignsDot : ActivationColumns128 {
   using Block = formats::BlockQ1_0;
 
   static int32x4_t row_lanes(const Block& b, const Column& c) {
-    const uint8x16_t signs = vld1q_u8(b.signs);
+    const Q1_0SignMasks masks = load_q1_0_positive_masks(b.signs);
     int32x4_t negated = vdupq_n_s32(0);
-    for (std::size_t m = 0; m < 8; ++m) {
-      negated = vdotq_s32(negated, vreinterpretq_s8_u8(q1_0_positive_mask(signs, m)), c.x.v[m]);
-    }
+#pragma GCC unroll 8
+    for (std::size_t m = 0; m < 8; ++m) negated = vdotq_s32(negated, vreinterpretq_s8_u8(masks.v[m]), c.x.v[m]);
     return negated;
   }
 

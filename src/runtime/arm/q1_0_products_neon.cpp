@@ -19,12 +19,11 @@ struct Q1_0Signs : ActivationColumns128 {
 
   // Lanes whose total is P. A 16-bit lane adds 8 pairs: at most 16 * 128.
   static int32x4_t row_lanes(const Block& b, const Column& c) {
-    const uint8x16_t signs = vld1q_u8(b.signs);
+    const Q1_0SignMasks masks = load_q1_0_positive_masks(b.signs);
     int16x8_t picked = vdupq_n_s16(0);
-    for (std::size_t m = 0; m < 8; ++m) {
-      const int8x16_t positive = vandq_s8(c.x.v[m], vreinterpretq_s8_u8(q1_0_positive_mask(signs, m)));
-      picked = vpadalq_s8(picked, positive);
-    }
+#pragma GCC unroll 8
+    for (std::size_t m = 0; m < 8; ++m)
+      picked = vpadalq_s8(picked, vandq_s8(c.x.v[m], vreinterpretq_s8_u8(masks.v[m])));
     return vpaddlq_s16(picked);
   }
 

@@ -16,6 +16,7 @@ struct Q1_58CodesDot : ActivationColumns128 {
   static int32x4_t row_lanes(const Block& b, const Column& c) {
     const TernaryCodes codes = load_ternary_codes(b.codes);
     int32x4_t raw = vdupq_n_s32(0);
+#pragma GCC unroll 8
     for (std::size_t m = 0; m < 8; ++m) raw = vdotq_s32(raw, codes.v[m], c.x.v[m]);
     return raw;
   }

@@ -20,6 +20,7 @@ struct Q1_58Codes : ActivationColumns128 {
     const TernaryCodes codes = load_ternary_codes(b.codes);
     int16x8_t low = vdupq_n_s16(0);
     int16x8_t high = vdupq_n_s16(0);
+#pragma GCC unroll 8
     for (std::size_t m = 0; m < 8; ++m) {
       low = vmlal_s8(low, vget_low_s8(codes.v[m]), vget_low_s8(c.x.v[m]));
       high = vmlal_high_s8(high, codes.v[m], c.x.v[m]);

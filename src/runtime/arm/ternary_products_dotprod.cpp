@@ -20,8 +20,10 @@ struct TernaryDot {
     for (int32x4_t& s : sum) s = vdupq_n_s32(0);
     for (size_t g = 0; g < k / kTernaryGroup; ++g) {
       const Activations128 a = load_activations128(x + g * kTernaryGroup);
+#pragma GCC unroll 4
       for (size_t i = 0; i < 4; ++i) {
         const TernaryCodes c = load_ternary_codes(row[i] + g * kTernaryGroupBytes);
+#pragma GCC unroll 8
         for (size_t m = 0; m < 8; ++m) sum[i] = vdotq_s32(sum[i], c.v[m], a.v[m]);
       }
     }

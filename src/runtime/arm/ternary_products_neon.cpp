@@ -37,8 +37,10 @@ struct Ternary16BitLanes {
       for (size_t i = 0; i < 4; ++i) low[i] = high[i] = vdupq_n_s16(0);
       for (size_t g = chunk; g < std::min(groups, chunk + kChunkGroups); ++g) {
         const Activations128 a = load_activations128(x + g * kTernaryGroup);
+#pragma GCC unroll 4
         for (size_t i = 0; i < 4; ++i) {
           const TernaryCodes c = load_ternary_codes(row[i] + g * kTernaryGroupBytes);
+#pragma GCC unroll 8
           for (size_t m = 0; m < 8; ++m) {
             low[i] = vmlal_s8(low[i], vget_low_s8(c.v[m]), vget_low_s8(a.v[m]));
             high[i] = vmlal_high_s8(high[i], c.v[m], a.v[m]);
