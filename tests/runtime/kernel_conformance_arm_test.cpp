@@ -15,11 +15,13 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "conformance_support.h"
 #include "kernel_test_inputs.h"
+#include "product_test_inputs.h"
 
 #if defined(__aarch64__)
 #include <asm/hwcap.h>
@@ -161,6 +163,72 @@ TEST_P(NeonConformance, AttentionWeightsFarBelowTheMaximum) {
     simd().attention_bf16(q.data(), head_dim, k.data(), head_dim, v.data(), kv_len, actual.data(), head_dim, 1, kv_len,
                           head_dim, work.data());
     expect_identical(expected, actual, "attention_bf16 maximum at " + std::to_string(top));
+  }
+}
+
+// ---- shapes outside the vector paths ------------------------------------------
+
+// Shapes that the layers never pass but that the NEON sets must still get
+// right without reading past a buffer: they take a scalar tail or hand the
+// call to the portable set. q1 rows whose length is not a whole number of
+// blocks (the last block summed over its existing values only); ternary row
+// counts that are not a multiple of four; rotary halves that are not a
+// multiple of four; attention heads whose size is not.
+TEST_P(NeonConformance, Q1RowsEndingInAPartialBlock) {
+  using Gemv = void (kernels::KernelBase::*)(const void*, const std::int8_t*, float, bf16*, size_t, size_t) const;
+  const std::pair<const BlockLayout*, Gemv> products[] = {{&kQ1_0Layout, &kernels::KernelBase::gemv_q1_0},
+                                                          {&kQ1_58Layout, &kernels::KernelBase::gemv_q1_58}};
+  for (const auto& [layout, gemv] : products) {
+    for (std::size_t k : {40, 128 + 1, 3 * 128 + 100}) {
+      const std::vector<std::uint8_t> w = random_block_rows(*layout, 6, k, seed_++);
+      const std::vector<std::int8_t> x = KernelInputs(seed_++).i8_row(k);
+      std::vector<bf16> expected = sentinel_buffer<bf16>(7), actual = expected;
+      (portable().*gemv)(w.data(), x.data(), 0.02f, expected.data(), 6, k);
+      (simd().*gemv)(w.data(), x.data(), 0.02f, actual.data(), 6, k);
+      expect_identical(expected, actual, std::string(layout->name) + " k=" + std::to_string(k));
+    }
+  }
+}
+
+TEST_P(NeonConformance, TernaryRowCountsOutsideTheGroupsOfFour) {
+  const std::size_t k = 256;
+  for (std::size_t rows : {1, 2, 3, 5, 7}) {
+    std::mt19937 engine(seed_++);
+    std::vector<std::uint8_t> w(rows * k / 4);
+    for (std::uint8_t& b : w) b = static_cast<std::uint8_t>(engine());
+    const std::vector<std::int8_t> x = KernelInputs(seed_++).i8_row(2 * k);
+    const std::vector<float> scales = {0.01f, 0.03f};
+    std::vector<bf16> expected = sentinel_buffer<bf16>(2 * rows + 1), actual = expected;
+    portable().gemv_ternary(w.data(), x.data(), 17, expected.data(), rows, k, 0.01f, 0.9);
+    simd().gemv_ternary(w.data(), x.data(), 17, actual.data(), rows, k, 0.01f, 0.9);
+    expect_identical(expected, actual, "gemv_ternary rows=" + std::to_string(rows));
+    portable().gemm_ternary(0.9, w.data(), x.data(), scales.data(), expected.data(), rows, 2, rows, k);
+    simd().gemm_ternary(0.9, w.data(), x.data(), scales.data(), actual.data(), rows, 2, rows, k);
+    expect_identical(expected, actual, "gemm_ternary rows=" + std::to_string(rows));
+  }
+}
+
+TEST_P(NeonConformance, RopeAndAttentionOutsideTheVectorWidths) {
+  for (std::size_t dim : {2, 6, 12, 20}) {
+    KernelInputs inputs(seed_++);
+    const std::vector<float> cos = inputs.f32_row(2 * dim, -1.0f, 1.0f), sin = inputs.f32_row(2 * dim, -1.0f, 1.0f);
+    std::vector<bf16> expected = inputs.bf16_row(2 * dim + 3, 4.0f), actual = expected;
+    portable().rope_bf16(expected.data(), cos.data(), sin.data(), 2, dim + 3, dim);
+    simd().rope_bf16(actual.data(), cos.data(), sin.data(), 2, dim + 3, dim);
+    expect_identical(expected, actual, "rope_bf16 dim=" + std::to_string(dim));
+  }
+  for (std::size_t head_dim : {1, 6, 10}) {
+    KernelInputs inputs(seed_++);
+    const std::size_t n_q = 2, kv_len = 70;
+    const std::vector<bf16> q = inputs.bf16_row(n_q * head_dim, 3.0f), k = inputs.bf16_row(kv_len * head_dim, 3.0f);
+    const std::vector<bf16> v = inputs.bf16_row(head_dim * kv_len, 2.0f);
+    std::vector<bf16> expected = sentinel_buffer<bf16>(n_q * head_dim), actual = expected;
+    std::vector<float> work(64 + head_dim);
+    portable().attention_bf16(q.data(), head_dim, k.data(), head_dim, v.data(), kv_len, expected.data(), head_dim, n_q,
+                              kv_len, head_dim, work.data());
+    simd().attention_bf16(q.data(), head_dim, k.data(), head_dim, v.data(), kv_len, actual.data(), head_dim, n_q,
+                          kv_len, head_dim, work.data());
+    expect_identical(expected, actual, "attention_bf16 head_dim=" + std::to_string(head_dim));
   }
 }
 

@@ -1,7 +1,8 @@
 // Element-by-element kernels of the feed-forward block and the residual
-// stream, four values at a time: the two gated activations, the bf16 add and
-// the int8 expansion. Each computes in f32 and narrows with the saturating
-// rule. The last n % 4 values go to the portable set.
+// stream: the two gated activations and the bf16 add four values at a time,
+// the int8 expansion eight at a time. Each computes in f32 and narrows with
+// the saturating rule; the values after the last whole step go to the
+// portable set.
 //
 // silu differs from the portable set on purpose: 1 / (1 + e^-g) is the
 // processor's reciprocal estimate (FRECPE, about 8 bits) refined by one
