@@ -16,15 +16,20 @@ build: $(BUILD)/build.ninja
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
+# Instrumented builds make GCC report out-of-bounds accesses that no path
+# reaches (inside the standard library's own copies); the plain build keeps
+# warnings as errors, the sanitizers judge the instrumented ones at run time.
+SANITIZER_FLAGS := -DQUORVEL_WERROR=OFF
+
 # The same tests under AddressSanitizer + UndefinedBehaviorSanitizer.
 test-sanitize:
-	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DQUORVEL_SANITIZE=address,undefined"
+	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DQUORVEL_SANITIZE=address,undefined $(SANITIZER_FLAGS)"
 
 # The thread pool and the suites that dispatch through it, under ThreadSanitizer.
 TSAN_TESTS ?= thread_pool_test sampler_test auto_linear_test kv_cache_linear_test transpose_copy_test \
 	norm_test rotary_embedding_test embedding_test
 test-tsan:
-	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEL_SANITIZE=thread
+	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEL_SANITIZE=thread $(SANITIZER_FLAGS)
 	cmake --build build-tsan -j $(JOBS) --target $(TSAN_TESTS)
 	set -e; for t in $(TSAN_TESTS); do ./build-tsan/tests/$$t --gtest_brief=1; done
 
