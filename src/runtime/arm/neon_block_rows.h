@@ -53,6 +53,7 @@ template <typename Policy>
   return Policy::finish(vpaddq_s32(pair, pair), column);
 }
 
+// The blocks' scales as the products multiply them: lane i = row i % lanes.
 template <typename Block>
 [[gnu::always_inline]] inline float32x4_t block_scales(const Block* const* row, size_t lanes) {
   float d[4];
