@@ -41,8 +41,10 @@ inline float block_scale(const BlockQ8_0& b) { return b.d; }
 std::int32_t block_sum(const BlockQ8_0& b, const std::int8_t* x, std::size_t n);
 
 // How many rows the single-token q8_0 product computes together for an input
-// length k: a tuning table that every kernel set keeps (k < 2561: 2,
-// 2561..4095: 4, 4096..8191: 8, 8192 and above: 2).
+// length k: the tuning table of the portable and the NEON baseline sets
+// (k < 2561: 2, 2561..4095: 4, 4096..8191: 8, 8192 and above: 2). Rows are
+// independent, so the grouping never changes a result; the x86 sets take
+// the 8 or 16 rows that fill their registers instead.
 std::size_t q8_0_gemv_rows_per_group(std::size_t k);
 inline constexpr std::size_t kQ8_0MaxRowsPerGroup = 8;
 
