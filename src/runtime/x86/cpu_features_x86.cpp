@@ -13,7 +13,8 @@ struct CpuidLeaf {
 
 CpuidLeaf cpuid(unsigned leaf, unsigned subleaf) {
   CpuidLeaf r;
-  if (leaf > __get_cpuid_max(0, nullptr)) return r;  // an absent leaf reports no features
+  // An absent leaf reports no features. GCC's header returns unsigned, clang's int.
+  if (leaf > static_cast<unsigned>(__get_cpuid_max(0, nullptr))) return r;
   __cpuid_count(leaf, subleaf, r.eax, r.ebx, r.ecx, r.edx);
   return r;
 }
