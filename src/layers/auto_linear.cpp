@@ -26,9 +26,9 @@ const PayloadText kBiasText{"Could not read in bias: read_bytes (", "Failed to r
 // reads print no report: the message alone says which factor ran short.
 AlignedPtr<bf16> read_lora_factor(std::istream& stream, std::uint64_t rows, std::uint64_t cols,
                                   const char* failure) {
-  const std::uint64_t count = checked_bytes(rows, cols);
+  const std::uint64_t count = size_mul(rows, cols);
   AlignedPtr<bf16> values = allocate_aligned_elements<bf16>(count);
-  if (!read_exact(stream, values.get(), checked_bytes(count, sizeof(bf16)))) throw std::runtime_error(failure);
+  if (!read_exact(stream, values.get(), size_mul(count, sizeof(bf16)))) throw std::runtime_error(failure);
   return values;
 }
 
@@ -119,7 +119,7 @@ void AutoLinear::load_lora(std::istream& stream, std::uint64_t rank) {
   }
   // Built aside and committed at the end, so that a throw leaves no half
   // adapter behind (and every buffer is released on the way out).
-  AlignedPtr<float> scratch = allocate_aligned_elements<float>(checked_bytes(thread_count(), rank));
+  AlignedPtr<float> scratch = allocate_aligned_elements<float>(size_mul(thread_count(), rank));
   AlignedPtr<bf16> a = read_lora_factor(stream, in_shape_, rank, "Failed to read LoRA A matrix");
   AlignedPtr<bf16> b = read_lora_factor(stream, rank, out_shape_, "Failed to read LoRA B matrix");
   LoraFactor factor_a(lora_format_, std::move(a), in_shape_, rank);

@@ -11,12 +11,12 @@ BlockLinear::BlockLinear(std::uint64_t in_shape, std::uint64_t out_shape, std::u
       token_product_(token_product) {}
 
 std::uint8_t* BlockLinear::allocate_weights() {
-  weights_ = allocate_aligned<std::uint8_t>(checked_bytes(out_shape(), row_bytes_));
+  weights_ = allocate_aligned<std::uint8_t>(size_mul(out_shape(), row_bytes_));
   return weights_.get();
 }
 
 void BlockLinear::read_weights(std::istream& stream, const PayloadText& text) {
-  read_payload(stream, allocate_weights(), checked_bytes(out_shape(), row_bytes_), text);
+  read_payload(stream, allocate_weights(), size_mul(out_shape(), row_bytes_), text);
 }
 
 void BlockLinear::multiply_rows(const ActivationRow& x, std::uint64_t first_row, std::uint64_t rows,

@@ -17,7 +17,7 @@ EmbeddingQ1<Tables>::EmbeddingQ1(std::istream& stream, std::uint64_t vocab_size,
     throw std::runtime_error(std::string(Tables::kClassName) + " embedding_dim must be a multiple of 128, got " +
                              std::to_string(embedding_dim));
   }
-  const std::uint64_t blocks = checked_bytes(vocab_size, blocks_per_row());
+  const std::uint64_t blocks = size_mul(vocab_size, blocks_per_row());
   embed_tokens_ = read_table<Block>(stream, blocks, table_text(Tables::kFormatName, "embed_tokens"));
   if (!tied) own_lm_head_ = read_table<Block>(stream, blocks, table_text(Tables::kFormatName, "lm_head"));
   lm_head_ = tied ? embed_tokens_.get() : own_lm_head_.get();

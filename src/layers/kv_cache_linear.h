@@ -47,7 +47,7 @@ class CachedLinear : public Base {
   CachedLinear(std::istream& stream, std::uint64_t in_shape, std::uint64_t out_shape, std::uint64_t num_heads,
                bool has_bias, std::uint64_t max_context, QuantFormat lora_format)
       : Base(stream, in_shape, out_shape, num_heads, has_bias, lora_format),
-        cache_(allocate_aligned<bf16>(checked_bytes(checked_bytes(out_shape, max_context), sizeof(bf16)))),
+        cache_(allocate_aligned_elements<bf16>(size_mul(out_shape, max_context))),
         max_context_(max_context) {}
 
   // The first test guards the unsigned subtraction: a position set beyond

@@ -37,11 +37,6 @@ std::optional<BlockStorage> block_storage(QuantFormat format) {
   }
 }
 
-// ceil(cols / per_block) without the overflow of cols + per_block - 1.
-std::uint64_t blocks_per_row(std::uint64_t cols, std::size_t per_block) {
-  return cols / per_block + (cols % per_block != 0 ? 1 : 0);
-}
-
 }  // namespace
 
 LoraFactor::LoraFactor(QuantFormat format, AlignedPtr<bf16> values, std::uint64_t rows, std::uint64_t cols) {
@@ -65,7 +60,7 @@ void LoraFactor::keep_bf16(AlignedPtr<bf16> values) {
 }
 
 void LoraFactor::quantize_i8(const bf16* values, std::uint64_t rows, std::uint64_t cols) {
-  const std::uint64_t count = checked_bytes(rows, cols);
+  const std::uint64_t count = size_mul(rows, cols);
   storage_ = allocate_aligned_elements<std::uint8_t>(count);
   row_scales_ = allocate_aligned_elements<float>(rows);
   record_ = allocate_aligned_elements<formats::I8Matrix>(1);
@@ -78,7 +73,7 @@ void LoraFactor::quantize_blocks(QuantFormat format, const bf16* values, std::ui
   const std::optional<BlockStorage> blocks = block_storage(format);
   if (!blocks) throw std::runtime_error("Unsupported LoRA quantization format in this build");
   const std::size_t bytes =
-      checked_bytes(checked_bytes(rows, blocks_per_row(cols, blocks->block_values)), blocks->block_bytes);
+      size_mul(rows, size_ceil_div(cols, blocks->block_values), blocks->block_bytes);
   storage_ = allocate_aligned<std::uint8_t>(bytes);
   // A q8_0 block of zeros keeps the code bytes it found; make them zero too.
   std::memset(storage_.get(), 0, bytes);

@@ -36,7 +36,7 @@ template <typename T>
 AlignedPtr<T> read_table(std::istream& in, std::uint64_t count, const PayloadText& text,
                          std::uint64_t unit = 1) {
   AlignedPtr<T> table = allocate_aligned_elements<T>(count);
-  read_payload(in, table.get(), checked_bytes(count, sizeof(T)), text, unit);
+  read_payload(in, table.get(), size_mul(count, sizeof(T)), text, unit);
   return table;
 }
 

@@ -20,8 +20,8 @@ AlignedPtr<float> read_angles(std::istream& stream, std::uint64_t count, const c
 }  // namespace
 
 RotaryEmbedding::RotaryEmbedding(std::istream& stream, std::uint64_t head_dim, std::uint64_t max_context)
-    : cos_(read_angles(stream, checked_bytes(head_dim, max_context), "cos", "Failed to read RoPE cos values")),
-      sin_(read_angles(stream, checked_bytes(head_dim, max_context), "sin", "Failed to read RoPE sin values")),
+    : cos_(read_angles(stream, size_mul(head_dim, max_context), "cos", "Failed to read RoPE cos values")),
+      sin_(read_angles(stream, size_mul(head_dim, max_context), "sin", "Failed to read RoPE sin values")),
       head_dim_(head_dim),
       max_context_(max_context) {}
 

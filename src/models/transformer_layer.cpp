@@ -19,20 +19,20 @@ std::unique_ptr<RMSNorm> TransformerLayer<Family>::read_norm(std::istream& strea
 template <typename Family>
 void TransformerLayer<Family>::read_attention_projections(std::istream& stream) {
   const std::uint64_t d = config_.hidden_dim, D = config_.head_dim;
-  const std::uint64_t kv_width = D * config_.num_kv_heads;
+  const std::uint64_t kv_width = size_mul(D, config_.num_kv_heads);
   const std::uint64_t context = config_.max_position_embeddings;
   const bool bias = config_.has_qkv_bias;
   key_ = std::make_unique<typename Family::Key>(stream, d, kv_width, config_.num_kv_heads, bias, context,
                                                 config_.lora_quant);
   value_ = std::make_unique<typename Family::Value>(stream, d, kv_width, config_.num_kv_heads, bias, context,
                                                     config_.lora_quant);
-  query_ = std::make_unique<typename Family::Plain>(stream, d, D * config_.num_heads, config_.num_heads, bias,
-                                                    config_.lora_quant);
+  query_ = std::make_unique<typename Family::Plain>(stream, d, size_mul(D, config_.num_heads), config_.num_heads,
+                                                    bias, config_.lora_quant);
 }
 
 template <typename Family>
 void TransformerLayer<Family>::read_output_projection(std::istream& stream) {
-  output_ = std::make_unique<typename Family::Plain>(stream, config_.head_dim * config_.num_heads,
+  output_ = std::make_unique<typename Family::Plain>(stream, size_mul(config_.head_dim, config_.num_heads),
                                                      config_.hidden_dim, 1, false, config_.lora_quant);
 }
 

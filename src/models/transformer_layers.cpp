@@ -5,7 +5,7 @@ namespace quorvel::layers {
 TransformerLayerBitNet::TransformerLayerBitNet(std::istream& stream, const InitConfig& config)
     : TransformerLayer(config, false) {
   attention_norm_ = read_norm(stream, config.hidden_dim);
-  attention_sub_norm_ = read_norm(stream, config.num_heads * config.head_dim);
+  attention_sub_norm_ = read_norm(stream, size_mul(config.num_heads, config.head_dim));
   read_attention_projections(stream);
   read_output_projection(stream);
   feed_forward_norm_ = read_norm(stream, config.hidden_dim);

@@ -9,18 +9,11 @@
 #include <memory>
 #include <new>
 
+#include "runtime/checked_size.h"
+
 namespace quorvel {
 
 inline constexpr std::size_t kBufferAlignment = 128;
-
-// count * size, or the largest size_t when the product overflows: the
-// allocation then fails with std::bad_alloc instead of succeeding small.
-inline std::size_t checked_bytes(std::uint64_t count, std::uint64_t size) {
-  if (size != 0 && count > std::numeric_limits<std::size_t>::max() / size) {
-    return std::numeric_limits<std::size_t>::max();
-  }
-  return static_cast<std::size_t>(count * size);
-}
 
 struct AlignedDeleter {
   void operator()(void* p) const { ::operator delete(p, std::align_val_t{kBufferAlignment}); }
@@ -41,10 +34,11 @@ AlignedPtr<T> allocate_aligned(std::size_t bytes) {
   return AlignedPtr<T>(static_cast<T*>(p));
 }
 
-// Allocates room for `count` elements of T, overflow-safe.
+// Allocates room for `count` elements of T; a count whose byte size
+// overflows fails like any allocation that is too large.
 template <typename T>
 AlignedPtr<T> allocate_aligned_elements(std::uint64_t count) {
-  return allocate_aligned<T>(checked_bytes(count, sizeof(T)));
+  return allocate_aligned<T>(size_mul(count, sizeof(T)));
 }
 
 }  // namespace quorvel

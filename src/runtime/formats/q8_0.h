@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "runtime/bf16.h"
+#include "runtime/checked_size.h"
 
 namespace quorvel::formats {
 
@@ -24,7 +25,7 @@ struct BlockQ8_0 {
 static_assert(sizeof(BlockQ8_0) == 36);
 inline constexpr std::size_t kQ8_0BlockValues = BlockQ8_0::kValues;
 
-inline std::size_t q8_0_blocks_per_row(std::size_t n) { return (n + 31) / 32; }
+inline std::size_t q8_0_blocks_per_row(std::size_t n) { return size_ceil_div(n, BlockQ8_0::kValues); }
 
 // Quantizes one row of n values into ceil(n / 32) blocks. A block whose
 // largest magnitude is 0 stores d = 0 and leaves its code bytes untouched.
