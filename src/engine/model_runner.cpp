@@ -4,7 +4,7 @@ namespace quorvel {
 
 ModelRunner::ModelRunner(ModelBase& model) : model_(model) {
   const InitConfig& config = model.config();
-  const std::uint64_t values = config.intermediate_dim * config.max_position_embeddings;
+  const std::uint64_t values = size_mul(activation_row_width(config), config.max_position_embeddings);
   rows_ = allocate_aligned_elements<bf16>(values);
   work_ = allocate_aligned_elements<bf16>(values);
 }

@@ -12,8 +12,8 @@ namespace quorvel {
 
 class ModelRunner final : public TokenModel {
  public:
-  // Allocates the two activation buffers (intermediate_dim x context bf16
-  // values each): the residual rows and the layers' working space.
+  // Allocates the two activation buffers (activation_row_width x context
+  // bf16 values each): the residual rows and the layers' working space.
   explicit ModelRunner(ModelBase& model);
 
   void set_position(std::uint64_t position) override;

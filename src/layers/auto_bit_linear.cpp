@@ -16,7 +16,7 @@ AutoBitLinear::AutoBitLinear(std::istream& stream, std::uint64_t in_shape, std::
                              std::uint64_t num_heads, bool has_bias, QuantFormat lora_format)
     : AutoLinear(in_shape, out_shape, num_heads, has_bias, lora_format) {
   require_multiples_of_128("AutoBitLinear");
-  const std::uint64_t weight_bytes = checked_bytes(out_shape, in_shape / 4);
+  const std::uint64_t weight_bytes = size_mul(out_shape, weight_row_bytes(in_shape));
   weights_ = allocate_aligned<std::uint8_t>(weight_bytes);
   // The report states the gamma as one item (") != 1") while 8 bytes are
   // requested; logs that users send us are matched against this wording.
@@ -34,8 +34,8 @@ std::int32_t AutoBitLinear::code_sum(const std::int8_t* codes) const {
 
 void AutoBitLinear::multiply_rows(const ActivationRow& x, std::uint64_t first_row, std::uint64_t rows,
                                   bf16* out) const {
-  kernels::kernels().gemv_ternary(weights_.get() + first_row * (in_shape() / 4), x.codes, x.code_sum, out, rows,
-                                  in_shape(), x.scale, gamma_);
+  const std::uint8_t* first = weights_.get() + first_row * weight_row_bytes(in_shape());
+  kernels::kernels().gemv_ternary(first, x.codes, x.code_sum, out, rows, in_shape(), x.scale, gamma_);
 }
 
 void AutoBitLinear::multiply_tokens(const std::int8_t* x_q, const float* x_scale, std::uint64_t n_tokens,

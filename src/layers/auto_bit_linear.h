@@ -15,6 +15,9 @@ class AutoBitLinear : public AutoLinear {
   AutoBitLinear(std::istream& stream, std::uint64_t in_shape, std::uint64_t out_shape, std::uint64_t num_heads,
                 bool has_bias, QuantFormat lora_format);
 
+  // Bytes of one output row of weights in memory (four codes a byte).
+  static std::uint64_t weight_row_bytes(std::uint64_t in_shape) { return in_shape / 4; }
+
   // Kept and used as a double: the kernels scale each integer row sum in
   // double precision, and narrowing gamma to float would change results.
   double gamma() const { return gamma_; }

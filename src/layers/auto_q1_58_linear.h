@@ -14,6 +14,9 @@ class AutoQ1_58Linear : public BlockLinear {
   // Both shapes must be multiples of 128.
   AutoQ1_58Linear(std::istream& stream, std::uint64_t in_shape, std::uint64_t out_shape, std::uint64_t num_heads,
                   bool has_bias, QuantFormat lora_format);
+
+  // Bytes of one output row of weights in memory.
+  static std::uint64_t weight_row_bytes(std::uint64_t in_shape);
 };
 
 }  // namespace quorvel::layers

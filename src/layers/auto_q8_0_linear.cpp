@@ -14,13 +14,17 @@ const PayloadText kSourceText{"Could not read Q8_0 source BF16 weights: read_byt
 AutoQ8_0Linear::AutoQ8_0Linear(std::istream& stream, std::uint64_t in_shape, std::uint64_t out_shape,
                                std::uint64_t num_heads, bool has_bias, QuantFormat lora_format)
     : BlockLinear(in_shape, out_shape, num_heads, has_bias, lora_format,
-                  checked_bytes(formats::q8_0_blocks_per_row(in_shape), sizeof(formats::BlockQ8_0)),
+                  weight_row_bytes(in_shape),
                   &kernels::KernelBase::gemv_q8_0, &kernels::KernelBase::gemm_q8_0) {
   // The bf16 source lives only until it is quantized; a short read frees it
   // on the way out.
-  const AlignedPtr<bf16> source = read_table<bf16>(stream, checked_bytes(out_shape, in_shape), kSourceText);
+  const AlignedPtr<bf16> source = read_table<bf16>(stream, size_mul(out_shape, in_shape), kSourceText);
   quantize_from(source.get());
   read_bias(stream);
+}
+
+std::uint64_t AutoQ8_0Linear::weight_row_bytes(std::uint64_t in_shape) {
+  return size_mul(formats::q8_0_blocks_per_row(in_shape), sizeof(formats::BlockQ8_0));
 }
 
 void AutoQ8_0Linear::quantize_from(const bf16* source) {
@@ -28,7 +32,7 @@ void AutoQ8_0Linear::quantize_from(const bf16* source) {
   const auto& k = kernels::kernels();
   // The quantizer leaves the codes of an all-zero block untouched; clearing
   // first keeps the table the same from run to run.
-  k.fill_bytes(blocks, 0, checked_bytes(out_shape(), row_bytes()));
+  k.fill_bytes(blocks, 0, size_mul(out_shape(), row_bytes()));
   auto rows = [&](std::uint64_t first, std::uint64_t count) {
     k.quantize_rows_q8_0(source + first * in_shape(), count, in_shape(), blocks + first * row_bytes());
   };

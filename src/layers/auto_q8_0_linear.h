@@ -16,6 +16,9 @@ class AutoQ8_0Linear : public BlockLinear {
   AutoQ8_0Linear(std::istream& stream, std::uint64_t in_shape, std::uint64_t out_shape, std::uint64_t num_heads,
                  bool has_bias, QuantFormat lora_format);
 
+  // Bytes of one output row of weights in memory.
+  static std::uint64_t weight_row_bytes(std::uint64_t in_shape);
+
  private:
   void quantize_from(const bf16* source);
 };

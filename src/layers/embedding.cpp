@@ -24,10 +24,6 @@ constexpr std::uint64_t kParallelEmbedTokens = 256;
 // the single-row quantization goes through the pool as a one-unit job.
 constexpr std::uint64_t kInlineQuantizeWorkers = 4;
 
-std::uint64_t round_up(std::uint64_t value, std::uint64_t multiple) {
-  return (value + multiple - 1) / multiple * multiple;
-}
-
 // An unembed format made of fixed-size blocks.
 struct BlockFormat {
   QuantFormat format;
@@ -59,13 +55,13 @@ const BlockFormat* find_block_format(QuantFormat format) {
 // The int8 table is tiled by 32 columns; a width that is not a multiple of
 // 32 is padded with zero codes, which add nothing to a logit.
 std::uint64_t code_columns(QuantFormat format, std::uint64_t embedding_dim) {
-  return format == QuantFormat::INT8 ? round_up(embedding_dim, formats::kI8Tile) : embedding_dim;
+  return format == QuantFormat::INT8 ? size_round_up(embedding_dim, formats::kI8Tile) : embedding_dim;
 }
 
 template <typename T>
 AlignedPtr<T> allocate_zeroed(std::uint64_t count) {
   AlignedPtr<T> buffer = allocate_aligned_elements<T>(count);
-  kernels::kernels().fill_bytes(buffer.get(), 0, checked_bytes(count, sizeof(T)));
+  kernels::kernels().fill_bytes(buffer.get(), 0, size_mul(count, sizeof(T)));
   return buffer;
 }
 
@@ -74,7 +70,7 @@ AlignedPtr<T> allocate_zeroed(std::uint64_t count) {
 EmbeddingBase::EmbeddingBase(std::uint64_t vocab_size, std::uint64_t embedding_dim, bool tied,
                              std::uint64_t code_columns)
     : vocab_size_(vocab_size),
-      padded_vocab_(round_up(vocab_size, kGroupRows)),
+      padded_vocab_(size_round_up(vocab_size, kGroupRows)),
       embedding_dim_(embedding_dim),
       tied_(tied),
       hidden_codes_(allocate_zeroed<std::int8_t>(code_columns)) {}
@@ -132,7 +128,7 @@ Embedding::Embedding(std::istream& stream, std::uint64_t vocab_size, std::uint64
   if (unembed_format == QuantFormat::NONE || unembed_format == QuantFormat::TERNARY) {
     throw std::runtime_error("Unembed format does not support NONE or TERNARY");
   }
-  const std::uint64_t values = checked_bytes(vocab_size, embedding_dim);
+  const std::uint64_t values = size_mul(vocab_size, embedding_dim);
   embed_tokens_ = read_table<bf16>(stream, values, table_text("BF16", "embed_tokens"));
   AlignedPtr<bf16> lm_head;
   if (!tied) lm_head = read_table<bf16>(stream, values, table_text("BF16", "lm_head"));
@@ -145,12 +141,19 @@ Embedding::Embedding(std::istream& stream, std::uint64_t vocab_size, std::uint64
   // Any other code builds no table; unembed refuses it.
 }
 
+std::uint64_t Embedding::table_row_bytes(QuantFormat format, std::uint64_t embedding_dim) {
+  if (format == QuantFormat::INT8) return code_columns(format, embedding_dim);
+  const BlockFormat* blocks = find_block_format(format);
+  if (blocks == nullptr) return 0;
+  return size_mul(size_ceil_div(embedding_dim, blocks->block_values), blocks->block_bytes);
+}
+
 void Embedding::build_i8_table(const bf16* source) {
-  const std::uint64_t columns = code_columns(QuantFormat::INT8, embedding_dim());
+  const std::uint64_t columns = table_row_bytes(QuantFormat::INT8, embedding_dim());
   output_row_bytes_ = columns;
   output_scales_ = allocate_zeroed<float>(padded_vocab());
-  output_table_ = allocate_zeroed<std::uint8_t>(checked_bytes(padded_vocab(), columns));
-  const AlignedPtr<std::int8_t> plain = allocate_zeroed<std::int8_t>(checked_bytes(vocab_size(), columns));
+  output_table_ = allocate_zeroed<std::uint8_t>(size_mul(padded_vocab(), columns));
+  const AlignedPtr<std::int8_t> plain = allocate_zeroed<std::int8_t>(size_mul(vocab_size(), columns));
   auto rows = [&](std::uint64_t first, std::uint64_t count) {
     for (std::uint64_t r = first; r < first + count; ++r) {
       kernels::kernels().quantize_rows_i8(source + r * embedding_dim(), plain.get() + r * columns,
@@ -164,12 +167,12 @@ void Embedding::build_i8_table(const bf16* source) {
 
 void Embedding::build_block_table(const bf16* source) {
   const BlockFormat& format = *find_block_format(unembed_format_);
-  const std::uint64_t blocks_per_row = (embedding_dim() + format.block_values - 1) / format.block_values;
-  output_row_bytes_ = blocks_per_row * format.block_bytes;
-  output_table_ = allocate_zeroed<std::uint8_t>(checked_bytes(padded_vocab(), output_row_bytes_));
+  const std::uint64_t blocks_per_row = size_ceil_div(embedding_dim(), format.block_values);
+  output_row_bytes_ = table_row_bytes(unembed_format_, embedding_dim());
+  output_table_ = allocate_zeroed<std::uint8_t>(size_mul(padded_vocab(), output_row_bytes_));
   // Zeroed because a quantizer may leave the codes of an all-zero block as
   // they were.
-  const AlignedPtr<std::uint8_t> plain = allocate_zeroed<std::uint8_t>(checked_bytes(vocab_size(), output_row_bytes_));
+  const AlignedPtr<std::uint8_t> plain = allocate_zeroed<std::uint8_t>(size_mul(vocab_size(), output_row_bytes_));
   auto rows = [&](std::uint64_t first, std::uint64_t count) {
     (kernels::kernels().*format.quantize)(source + first * embedding_dim(), count, embedding_dim(),
                                           plain.get() + first * output_row_bytes_);

@@ -78,6 +78,10 @@ class Embedding final : public EmbeddingBase {
   Embedding(std::istream& stream, std::uint64_t vocab_size, std::uint64_t embedding_dim, bool tied,
             QuantFormat unembed_format);
 
+  // Bytes of one output-table row in `format` (int8: the codes, padded to
+  // whole tiles; its row scales come on top); 0 for a format without a table.
+  static std::uint64_t table_row_bytes(QuantFormat format, std::uint64_t embedding_dim);
+
   QuantFormat unembed_format() const { return unembed_format_; }
   const bf16* embed_tokens() const { return embed_tokens_.get(); }
   // Bytes per output-table row in its format (int8: the padded codes).

@@ -41,6 +41,11 @@ class EmbeddingQ1 final : public EmbeddingBase {
   // before anything is read).
   EmbeddingQ1(std::istream& stream, std::uint64_t vocab_size, std::uint64_t embedding_dim, bool tied);
 
+  // Bytes of one table (embed_tokens, or lm_head when untied).
+  static std::uint64_t table_bytes(std::uint64_t vocab_size, std::uint64_t embedding_dim) {
+    return size_mul(vocab_size, embedding_dim / 128, sizeof(Block));
+  }
+
   const Block* embed_tokens() const { return embed_tokens_.get(); }
   // The input table itself when tied.
   const Block* lm_head() const { return lm_head_; }

@@ -13,16 +13,26 @@ namespace quorvel {
 
 inline constexpr std::uint64_t kMaxTopK = 256;
 
+// The widest row that the activation and projection buffers receive: rows of
+// hidden_dim (the residual stream, O and down outputs), of num_heads x
+// head_dim (queries and attention outputs) and of intermediate_dim (the
+// feed-forward rows). Published models have intermediate_dim >= both others,
+// but the engine serves every shape, so each such buffer holds the widest.
+std::uint64_t activation_row_width(const InitConfig& config);
+
 class ModelScratch {
  public:
   // Sizes use the current thread_count(): apply "num_threads" first.
   explicit ModelScratch(const InitConfig& config);
 
+  // The bytes that the buffers of a config take, with `threads` pool threads.
+  static std::uint64_t bytes_needed(const InitConfig& config, std::uint64_t threads);
+
   float* attention() const { return attention_.get(); }    // (D + 64) floats per query head
-  bf16* projection_a() const { return projection_a_.get(); }  // I x M values
-  bf16* projection_b() const { return projection_b_.get(); }  // I x M values
+  bf16* projection_a() const { return projection_a_.get(); }  // W x M values, W = activation_row_width
+  bf16* projection_b() const { return projection_b_.get(); }  // W x M values
   float* row_scales() const { return row_scales_.get(); }  // one per row, M
-  std::int8_t* codes() const { return codes_.get(); }      // I x M quantized activations
+  std::int8_t* codes() const { return codes_.get(); }      // W x M quantized activations
   float* logits() const { return logits_.get(); }          // V32 floats
   SamplingWorkspace sampling() const { return {candidates_.get(), indices_.get(), kMaxTopK}; }
 
@@ -40,7 +50,7 @@ class ModelScratch {
   AlignedPtr<std::uint64_t> indices_;
   std::uint64_t max_positions_;
   std::uint64_t num_heads_;
-  std::uint64_t intermediate_dim_;
+  std::uint64_t row_width_;
   std::uint64_t padded_vocab_;
   std::uint64_t max_top_k_ = kMaxTopK;
   std::uint64_t head_dim_;
