@@ -7,7 +7,6 @@
 #include <iostream>
 #include <optional>
 #include <string>
-#include <string>
 #include <system_error>
 
 #include "engine/init_config.h"
@@ -17,6 +16,8 @@
 #include "io/model_header.h"
 #include "io/rope_header.h"
 #include "models/model_base.h"
+#include "models/model_requirements.h"
+#include "runtime/physical_memory.h"
 #include "runtime/thread_pool.h"
 
 namespace quorvel {
@@ -93,6 +94,9 @@ int run_engine(int argc, char** argv) {
   if (!check_model_header(tensors, config.arch_type, &info)) return 1;
   if (!check_rope_header(rope, kRopeCacheVersion)) return 1;
   if (auto refusal = qwen3_5_refusal(config, info)) return fail(*refusal);
+  // Shapes that nothing can be built for and models that do not fit are
+  // refused here, before the first allocation.
+  if (auto refusal = start_up_refusal(config, physical_memory_bytes())) return fail(*refusal);
 
   std::unique_ptr<ModelBase> model = create_model(tensors, rope, config);
   if (!config.lora_dir.empty() && !load_lora_adapter(*model, config.lora_dir)) return 1;

@@ -1,0 +1,167 @@
+#include "models/model_memory.h"
+
+#include <algorithm>
+#include <string>
+
+#include "layers/auto_bit_linear.h"
+#include "layers/auto_q1_58_linear.h"
+#include "layers/auto_q1_linear.h"
+#include "layers/auto_q8_0_linear.h"
+#include "layers/embedding.h"
+#include "layers/embedding_q1.h"
+#include "models/model_scratch.h"
+
+namespace quorvel {
+namespace {
+
+using RowBytes = std::uint64_t (*)(std::uint64_t in_shape);
+
+// The widths the layers are built with.
+struct Widths {
+  std::uint64_t hidden;
+  std::uint64_t intermediate;
+  std::uint64_t query;     // num_heads x head_dim
+  std::uint64_t key_value; // num_kv_heads x head_dim
+};
+
+Widths widths_of(const InitConfig& c) {
+  return {c.hidden_dim, c.intermediate_dim, size_mul(c.num_heads, c.head_dim), size_mul(c.num_kv_heads, c.head_dim)};
+}
+
+// Bytes of one output row of a projection's weights, by the architecture's
+// weight format; nullptr for an unknown code.
+RowBytes projection_row_bytes(std::int32_t arch) {
+  switch (static_cast<ArchType>(arch)) {
+    case ArchType::BITNET:
+    case ArchType::LLAMA:
+    case ArchType::QWEN3_5: return &layers::AutoBitLinear::weight_row_bytes;
+    case ArchType::BONSAI: return &layers::AutoQ1Linear::weight_row_bytes;
+    case ArchType::BONSAI_TERNARY: return &layers::AutoQ1_58Linear::weight_row_bytes;
+    case ArchType::QWEN3: return &layers::AutoQ8_0Linear::weight_row_bytes;
+  }
+  return nullptr;
+}
+
+// One layer's seven projections (K, V, Q, O, FFN 1, FFN 2, down) and the
+// bias of K, V and Q.
+std::uint64_t layer_projection_bytes(RowBytes row_bytes, const InitConfig& c) {
+  const Widths w = widths_of(c);
+  auto weights = [&](std::uint64_t in, std::uint64_t out) { return size_mul(out, row_bytes(in)); };
+  const std::uint64_t bias = c.has_qkv_bias ? size_mul(size_add(w.key_value, w.key_value, w.query), sizeof(bf16)) : 0;
+  return size_add(weights(w.hidden, w.key_value), weights(w.hidden, w.key_value), weights(w.hidden, w.query),
+                  weights(w.query, w.hidden), weights(w.hidden, w.intermediate), weights(w.hidden, w.intermediate),
+                  weights(w.intermediate, w.hidden), bias);
+}
+
+// One layer's norm weights: BitNet has sub-norms, the Bonsai and Qwen3
+// layers per-head norms, Llama neither.
+std::uint64_t layer_norm_bytes(const InitConfig& c) {
+  const Widths w = widths_of(c);
+  std::uint64_t values = size_add(w.hidden, w.hidden);
+  switch (static_cast<ArchType>(c.arch_type)) {
+    case ArchType::BITNET: values = size_add(values, w.query, w.intermediate); break;
+    case ArchType::BONSAI:
+    case ArchType::BONSAI_TERNARY:
+    case ArchType::QWEN3: values = size_add(values, c.head_dim, c.head_dim); break;
+    default: break;
+  }
+  return size_mul(values, sizeof(bf16));
+}
+
+// q8_0 weights arrive as bf16 and are quantized at load: the largest
+// projection's bf16 rows are held for a moment next to everything else.
+std::uint64_t largest_projection_source_bytes(const InitConfig& c) {
+  if (static_cast<ArchType>(c.arch_type) != ArchType::QWEN3 || c.num_layers == 0) return 0;
+  const Widths w = widths_of(c);
+  const std::uint64_t widest = std::max({size_mul(w.hidden, w.key_value), size_mul(w.hidden, w.query),
+                                         size_mul(w.hidden, w.intermediate)});
+  return size_mul(widest, sizeof(bf16));
+}
+
+struct EmbeddingBytes {
+  std::uint64_t resident;
+  std::uint64_t loading;  // freed once the output table is built
+};
+
+EmbeddingBytes embedding_bytes(const InitConfig& c) {
+  const std::uint64_t V = c.vocab_size, d = c.hidden_dim;
+  const std::uint64_t tables = c.tie_word_embeddings ? 1 : 2;
+  switch (static_cast<ArchType>(c.arch_type)) {
+    case ArchType::BONSAI: return {size_mul(tables, layers::EmbeddingQ1_0::table_bytes(V, d)), 0};
+    case ArchType::BONSAI_TERNARY: return {size_mul(tables, layers::EmbeddingQ1_58::table_bytes(V, d)), 0};
+    default: break;
+  }
+  // A bf16 input table, and the output table re-quantized into padded groups
+  // of rows (int8 adds one scale per row); while it is built, the untied
+  // bf16 lm_head and an ungrouped copy are held as well.
+  const std::uint64_t bf16_table = size_mul(V, d, sizeof(bf16));
+  const std::uint64_t row_bytes = layers::Embedding::table_row_bytes(c.unembed_quant, d);
+  const std::uint64_t scales = c.unembed_quant == QuantFormat::INT8 ? sizeof(float) : 0;
+  const std::uint64_t output_table = size_mul(size_round_up(V, 32), size_add(row_bytes, scales));
+  return {size_add(bf16_table, output_table),
+          size_add(size_mul(tables - 1, bf16_table), size_mul(V, row_bytes))};
+}
+
+// Adds parts to the estimate and keeps the name of the first that overflows.
+class Tally {
+ public:
+  explicit Tally(ModelMemory& memory) : memory_(memory) {}
+
+  void add(std::uint64_t ModelMemory::*category, std::uint64_t bytes, const std::string& what) {
+    if (size_overflowed(bytes) && memory_.overflowing_part.empty()) memory_.overflowing_part = what;
+    memory_.*category = size_add(memory_.*category, bytes);
+  }
+
+ private:
+  ModelMemory& memory_;
+};
+
+std::string key(const char* name, std::uint64_t value) { return std::string(name) + "=" + std::to_string(value); }
+
+}  // namespace
+
+ModelMemory estimate_model_memory(const InitConfig& c, std::uint64_t threads) {
+  ModelMemory memory;
+  Tally tally(memory);
+  const std::string P = key("max_position_embeddings", c.max_position_embeddings);
+  const std::string L = key("num_layers", c.num_layers);
+  const std::string D = key("head_dim", c.head_dim);
+  const std::string heads = key("num_heads", c.num_heads) + " x " + D;
+
+  const EmbeddingBytes embedding = embedding_bytes(c);
+  const std::string embedding_part =
+      "the token embedding (" + key("vocab_size", c.vocab_size) + " x " + key("hidden_dim", c.hidden_dim) + ")";
+  tally.add(&ModelMemory::weights, embedding.resident, embedding_part);
+  tally.add(&ModelMemory::weights, size_mul(c.hidden_dim, sizeof(bf16)), embedding_part);  // the final norm
+  if (const RowBytes row_bytes = projection_row_bytes(c.arch_type)) {
+    const std::uint64_t layer = size_add(layer_projection_bytes(row_bytes, c), layer_norm_bytes(c));
+    tally.add(&ModelMemory::weights, size_mul(c.num_layers, layer),
+              "the layer weights (" + L + " x " + key("hidden_dim", c.hidden_dim) + ", " +
+                  key("intermediate_dim", c.intermediate_dim) + ", " + heads + ", " +
+                  key("num_kv_heads", c.num_kv_heads) + ")");
+  }
+  tally.add(&ModelMemory::weights, std::max(embedding.loading, largest_projection_source_bytes(c)),
+            "the weights held while loading (" + heads + ", " + key("intermediate_dim", c.intermediate_dim) + ")");
+
+  const std::uint64_t kv_width = size_mul(c.num_kv_heads, c.head_dim);
+  tally.add(&ModelMemory::caches, size_mul(c.num_layers, 2, c.max_position_embeddings, kv_width, sizeof(bf16)),
+            "the key/value caches (" + L + " x " + P + " x " + key("num_kv_heads", c.num_kv_heads) + " x " + D + ")");
+
+  // The driver's two activation buffers and token history, the model's
+  // scratch set, and the rotary tables.
+  const std::uint64_t activations = size_mul(2, activation_row_width(c), c.max_position_embeddings, sizeof(bf16));
+  tally.add(&ModelMemory::buffers, activations,
+            "the activation buffers (" + P + " x the widest of hidden_dim, intermediate_dim and " + heads + ")");
+  tally.add(&ModelMemory::buffers, size_mul(c.max_position_embeddings, sizeof(std::int64_t)),
+            "the token history (" + P + ")");
+  tally.add(&ModelMemory::buffers, ModelScratch::bytes_needed(c, threads),
+            "the scratch buffers (" + P + ", " + key("vocab_size", c.vocab_size) + ", " + heads + ")");
+  tally.add(&ModelMemory::buffers, size_mul(2, c.head_dim, c.max_position_embeddings, sizeof(float)),
+            "the rotary tables (" + D + " x " + P + ")");
+  if (memory.overflowing_part.empty() && size_overflowed(memory.total())) {
+    memory.overflowing_part = "the model's memory in all";
+  }
+  return memory;
+}
+
+}  // namespace quorvel
