@@ -1,6 +1,8 @@
 #include "engine/request_loop.h"
 
+#include <algorithm>
 #include <exception>
+#include <string>
 
 #include "engine/key_value_block.h"
 
@@ -48,6 +50,16 @@ void RequestLoop::answer(const GenerationRequest& request) {
     emit(static_cast<std::int64_t>(pos));
     return;
   }
+  // Positions that no request has written hold no keys or values; a host
+  // that points past them has lost track of the conversation. It is told
+  // where the filled part ends and nothing is computed.
+  if (pos > filled_) {
+    err_ << "Error: kv_position=" << pos << " is beyond the " << filled_
+         << " cache positions filled so far; nothing was computed" << std::endl;
+    emit(config_.eos_tokens[0]);
+    emit(static_cast<std::int64_t>(filled_));
+    return;
+  }
 
   std::int64_t current;
   std::uint64_t generated;
@@ -65,7 +77,9 @@ void RequestLoop::answer(const GenerationRequest& request) {
     current = history_[pos - 1];
     generated = 0;
   }
-  emit(static_cast<std::int64_t>(decode(current, pos, generated, params)));
+  const std::uint64_t end = decode(current, pos, generated, params);
+  filled_ = std::max(filled_, end);
+  emit(static_cast<std::int64_t>(end));
 }
 
 std::uint64_t RequestLoop::decode(std::int64_t current, std::uint64_t pos, std::uint64_t generated,

@@ -51,6 +51,9 @@ class RequestLoop {
   std::ostream& out_;
   std::ostream& err_;
   std::vector<std::int64_t> history_;  // entry i: the token at cache position i
+  // Cache positions that hold keys and values: everything below the highest
+  // position any request has reached. Attention must never read above it.
+  std::uint64_t filled_ = 0;
 };
 
 }  // namespace quorvel

@@ -128,6 +128,21 @@ TEST_F(RequestLoopTest, ContinueAfterAnEndOfSequencePrintsOnlyThePosition) {
             "2\n");
 }
 
+TEST_F(RequestLoopTest, PositionsNoRequestHasFilledAreRefusedWithTheFilledCount) {
+  model.script = {4, 7};
+  const Served run = serve("1\nkv_position=3\n"            // nothing filled yet: continue from 3
+                           "2\nkv_position=1\ntokens=5\n"  // a gap at position 0
+                           "1\ntokens=10\n"                 // fills 0 .. 2
+                           "3\nkv_position=3\ntokens=6\nmax_tokens=1\n"  // appends at the end: 3 .. 5
+                           "1\nkv_position=7\n");
+  EXPECT_EQ(run.out, "2\n0\n" "2\n0\n" "4\n7\n3\n" "104\n2\n6\n" "2\n6\n");
+  EXPECT_EQ(run.err,
+            "Error: kv_position=3 is beyond the 0 cache positions filled so far; nothing was computed\n"
+            "Error: kv_position=1 is beyond the 0 cache positions filled so far; nothing was computed\n"
+            "Error: kv_position=7 is beyond the 6 cache positions filled so far; nothing was computed\n");
+  EXPECT_EQ(model.forwards.front(), (Forward{0, {10}}));
+}
+
 TEST_F(RequestLoopTest, ContinueToAFullContextEndsInTheCacheOverflow) {
   model.script = {4};
   EXPECT_THROW(serve("2\ntokens=10\nmax_tokens=1\n"
