@@ -104,6 +104,53 @@ TEST_F(Startup, Qwen3_5SectionsAreRefusedOnlyForCode3) {
   EXPECT_EQ(plain.exit_status, 0) << plain.err;
 }
 
+TEST_F(Startup, ShapesThatNoLayerCanServeAreRefusedBeforeLoading) {
+  const std::vector<std::pair<std::map<std::string, std::string>, std::string>> cases = {
+      {{{"num_kv_heads", "0"}}, "Error: num_kv_heads=0 must be at least 1"},
+      {{{"hidden_dim", "0"}}, "Error: hidden_dim=0 must be at least 1"},
+      {{{"vocab_size", "0"}}, "Error: vocab_size=0 must be at least 1"},
+      {{{"max_position_embeddings", "0"}}, "Error: max_position_embeddings=0 must be at least 1"},
+      {{{"num_heads", "3"}, {"num_kv_heads", "2"}, {"head_dim", "256"}},
+       "Error: num_heads=3 must be a multiple of num_kv_heads=2 (each key/value head serves a whole group of query "
+       "heads)"},
+      {{{"num_heads", "32"}, {"num_kv_heads", "32"}, {"head_dim", "4"}},
+       "Error: head_dim=4 must be a multiple of 8 (rotary embedding turns each head in two halves of whole groups "
+       "of 4)"},
+      {{{"vocab_size", "4611686018427387904"}},
+       "Error: the token embedding (vocab_size=4611686018427387904 x hidden_dim=256) would be larger than 2^64 "
+       "bytes"},
+  };
+  for (const auto& [overrides, message] : cases) {
+    SCOPED_TRACE(message);
+    expect_refused(run_engine(model(), init_block(model(), overrides)), message);
+  }
+}
+
+TEST_F(Startup, AModelLargerThanTheMachineIsRefusedWithItsSize) {
+  // 2 layers x 2 caches x 2^36 positions x 128 values x 2 bytes = 64 TiB.
+  const ProcessResult result = run_engine(model(), init_block(model(), {{"max_position_embeddings", "68719476736"}}));
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err.rfind("Error: this model needs ", 0), 0u) << result.err;
+  EXPECT_NE(result.err.find("key/value caches 65536.0 GiB"), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find(" this machine has; lower max_position_embeddings or use a smaller model\n"),
+            std::string::npos)
+      << result.err;
+}
+
+TEST_F(Startup, TheModelsOwnShapeMessagesKeepTheirPlace) {
+  // A width that the norms need in groups of 128 is the model's to report,
+  // even when the config is refusable for another reason too.
+  const ProcessResult result =
+      run_engine(model(), init_block(model(), {{"hidden_dim", "100"}, {"num_kv_heads", "0"}}));
+  EXPECT_EQ(result.signal, SIGABRT);
+  EXPECT_NE(result.err.find("Normalization layer_width must be a multiple of 128, got 100"), std::string::npos)
+      << result.err;
+  expect_refused(run_engine(model(), init_block(model(), {{"arch_type", "9"}})),
+                 "Model file architecture 1, engine expects 9. Download the correct model file or use the right "
+                 "tensorfile.");
+}
+
 TEST_F(Startup, AFileCutInsideTheLastLayerEndsAbnormallyWithTheReadersMessage) {
   const fs::path dir = edited_copy("qmodel.tensors", [](std::string& b) { b.resize(b.size() - 10); });
   const ProcessResult result = run_engine(dir, init_block(model()));
