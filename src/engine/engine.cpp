@@ -19,6 +19,7 @@
 #include "models/model_requirements.h"
 #include "runtime/physical_memory.h"
 #include "runtime/thread_pool.h"
+#include "runtime/usable_cpus.h"
 
 namespace quorvel {
 namespace {
@@ -89,6 +90,7 @@ int run_engine(int argc, char** argv) {
 
   // The scratch buffers are sized by the thread count: set it before the model.
   set_thread_count(config.num_threads);
+  if (auto warning = oversubscription_warning(thread_count(), usable_cpu_count())) std::cerr << *warning << std::endl;
 
   ModelFileInfo info;
   if (!check_model_header(tensors, config.arch_type, &info)) return 1;

@@ -2,6 +2,7 @@
 #include <csignal>
 
 #include "e2e_support.h"
+#include "runtime/usable_cpus.h"
 
 namespace quorvel::e2e {
 namespace {
@@ -149,6 +150,22 @@ TEST_F(Startup, TheModelsOwnShapeMessagesKeepTheirPlace) {
   expect_refused(run_engine(model(), init_block(model(), {{"arch_type", "9"}})),
                  "Model file architecture 1, engine expects 9. Download the correct model file or use the right "
                  "tensorfile.");
+}
+
+TEST_F(Startup, MoreThreadsThanUsableCpusWarnOnceAndServeTheSameTokens) {
+  const std::uint64_t threads = usable_cpu_count() + 2;
+  const std::string ask = request({"tokens=5,9,200,31", "temperature=0", "max_tokens=10"});
+  const ProcessResult crowded =
+      run_engine(model(), init_block(model(), {{"num_threads", std::to_string(threads)}}) + ask);
+  const ProcessResult single = run_engine(model(), init_block(model(), {{"num_threads", "1"}}) + ask);
+  EXPECT_EQ(crowded.exit_status, 0);
+  EXPECT_EQ(crowded.err, "Warning: " + std::to_string(threads) + " threads but this process may use only " +
+                             std::to_string(threads - 2) +
+                             " CPUs (affinity mask and CPU quota); every step waits for threads without a core: "
+                             "set num_threads=" +
+                             std::to_string(threads - 2) + "\n");
+  EXPECT_EQ(single.err, "");
+  EXPECT_EQ(crowded.out, single.out);
 }
 
 TEST_F(Startup, AFileCutInsideTheLastLayerEndsAbnormallyWithTheReadersMessage) {
