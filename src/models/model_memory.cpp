@@ -118,50 +118,93 @@ class Tally {
 
 std::string key(const char* name, std::uint64_t value) { return std::string(name) + "=" + std::to_string(value); }
 
-}  // namespace
+// The estimate, part by part; each part is named by the config keys it comes
+// from, for the overflow report.
+class Estimator {
+ public:
+  explicit Estimator(const InitConfig& c)
+      : c_(c),
+        tally_(memory_),
+        P_(key("max_position_embeddings", c.max_position_embeddings)),
+        heads_(key("num_heads", c.num_heads) + " x " + key("head_dim", c.head_dim)) {}
 
-ModelMemory estimate_model_memory(const InitConfig& c, std::uint64_t threads) {
-  ModelMemory memory;
-  Tally tally(memory);
-  const std::string P = key("max_position_embeddings", c.max_position_embeddings);
-  const std::string L = key("num_layers", c.num_layers);
-  const std::string D = key("head_dim", c.head_dim);
-  const std::string heads = key("num_heads", c.num_heads) + " x " + D;
-
-  const EmbeddingBytes embedding = embedding_bytes(c);
-  const std::string embedding_part =
-      "the token embedding (" + key("vocab_size", c.vocab_size) + " x " + key("hidden_dim", c.hidden_dim) + ")";
-  tally.add(&ModelMemory::weights, embedding.resident, embedding_part);
-  tally.add(&ModelMemory::weights, size_mul(c.hidden_dim, sizeof(bf16)), embedding_part);  // the final norm
-  if (const RowBytes row_bytes = projection_row_bytes(c.arch_type)) {
-    const std::uint64_t layer = size_add(layer_projection_bytes(row_bytes, c), layer_norm_bytes(c));
-    tally.add(&ModelMemory::weights, size_mul(c.num_layers, layer),
-              "the layer weights (" + L + " x " + key("hidden_dim", c.hidden_dim) + ", " +
-                  key("intermediate_dim", c.intermediate_dim) + ", " + heads + ", " +
-                  key("num_kv_heads", c.num_kv_heads) + ")");
+  ModelMemory estimate(std::uint64_t threads) {
+    const EmbeddingBytes embedding = embedding_bytes(c_);
+    add_weights(embedding);
+    add_caches();
+    add_buffers(threads);
+    add_loading_peak(embedding);
+    if (memory_.overflowing_part.empty() && size_overflowed(memory_.total())) {
+      memory_.overflowing_part = "the model's memory in all";
+    }
+    return memory_;
   }
-  tally.add(&ModelMemory::weights, std::max(embedding.loading, largest_projection_source_bytes(c)),
-            "the weights held while loading (" + heads + ", " + key("intermediate_dim", c.intermediate_dim) + ")");
 
-  const std::uint64_t kv_width = size_mul(c.num_kv_heads, c.head_dim);
-  tally.add(&ModelMemory::caches, size_mul(c.num_layers, 2, c.max_position_embeddings, kv_width, sizeof(bf16)),
-            "the key/value caches (" + L + " x " + P + " x " + key("num_kv_heads", c.num_kv_heads) + " x " + D + ")");
+ private:
+  void add_weights(const EmbeddingBytes& embedding) {
+    const std::string embedding_part =
+        "the token embedding (" + key("vocab_size", c_.vocab_size) + " x " + key("hidden_dim", c_.hidden_dim) + ")";
+    tally_.add(&ModelMemory::weights, embedding.resident, embedding_part);
+    tally_.add(&ModelMemory::weights, size_mul(c_.hidden_dim, sizeof(bf16)), embedding_part);  // the final norm
+    const RowBytes row_bytes = projection_row_bytes(c_.arch_type);
+    if (row_bytes == nullptr) return;
+    const std::uint64_t layer = size_add(layer_projection_bytes(row_bytes, c_), layer_norm_bytes(c_));
+    tally_.add(&ModelMemory::weights, size_mul(c_.num_layers, layer),
+               "the layer weights (" + key("num_layers", c_.num_layers) + " x " + key("hidden_dim", c_.hidden_dim) +
+                   ", " + key("intermediate_dim", c_.intermediate_dim) + ", " + heads_ + ", " +
+                   key("num_kv_heads", c_.num_kv_heads) + ")");
+  }
+
+  void add_caches() {
+    const std::uint64_t kv_width = size_mul(c_.num_kv_heads, c_.head_dim);
+    tally_.add(&ModelMemory::caches, size_mul(c_.num_layers, 2, c_.max_position_embeddings, kv_width, sizeof(bf16)),
+               "the key/value caches (" + key("num_layers", c_.num_layers) + " x " + P_ + " x " +
+                   key("num_kv_heads", c_.num_kv_heads) + " x " + key("head_dim", c_.head_dim) + ")");
+  }
 
   // The driver's two activation buffers and token history, the model's
   // scratch set, and the rotary tables.
-  const std::uint64_t activations = size_mul(2, activation_row_width(c), c.max_position_embeddings, sizeof(bf16));
-  tally.add(&ModelMemory::buffers, activations,
-            "the activation buffers (" + P + " x the widest of hidden_dim, intermediate_dim and " + heads + ")");
-  tally.add(&ModelMemory::buffers, size_mul(c.max_position_embeddings, sizeof(std::int64_t)),
-            "the token history (" + P + ")");
-  tally.add(&ModelMemory::buffers, ModelScratch::bytes_needed(c, threads),
-            "the scratch buffers (" + P + ", " + key("vocab_size", c.vocab_size) + ", " + heads + ")");
-  tally.add(&ModelMemory::buffers, size_mul(2, c.head_dim, c.max_position_embeddings, sizeof(float)),
-            "the rotary tables (" + D + " x " + P + ")");
-  if (memory.overflowing_part.empty() && size_overflowed(memory.total())) {
-    memory.overflowing_part = "the model's memory in all";
+  void add_buffers(std::uint64_t threads) {
+    tally_.add(&ModelMemory::buffers, driver_bytes(),
+               "the activation buffers (" + P_ + " x the widest of hidden_dim, intermediate_dim and " + heads_ + ")");
+    tally_.add(&ModelMemory::buffers, ModelScratch::bytes_needed(c_, threads),
+               "the scratch buffers (" + P_ + ", " + key("vocab_size", c_.vocab_size) + ", " + heads_ + ")");
+    tally_.add(&ModelMemory::buffers, size_mul(2, c_.head_dim, c_.max_position_embeddings, sizeof(float)),
+               "the rotary tables (" + key("head_dim", c_.head_dim) + " x " + P_ + ")");
   }
-  return memory;
+
+  // Loading holds some tables for a moment: the embedding's while nothing
+  // else exists yet, a q8_0 projection's bf16 rows when everything but the
+  // driver's buffers does. The higher peak, above the resident total, counts
+  // as weights.
+  void add_loading_peak(const EmbeddingBytes& embedding) {
+    const std::uint64_t resident = memory_.total();
+    const std::uint64_t embedding_peak = size_add(embedding.resident, embedding.loading);
+    const std::uint64_t projection_peak =
+        size_add(resident - std::min(resident, driver_bytes()), largest_projection_source_bytes(c_));
+    const std::uint64_t peak = std::max({resident, embedding_peak, projection_peak});
+    tally_.add(&ModelMemory::weights, peak - resident,
+               "the weights held while loading (" + heads_ + ", " + key("intermediate_dim", c_.intermediate_dim) +
+                   ")");
+  }
+
+  std::uint64_t driver_bytes() const {
+    const std::uint64_t positions = c_.max_position_embeddings;
+    return size_add(size_mul(2, activation_row_width(c_), positions, sizeof(bf16)),
+                    size_mul(positions, sizeof(std::int64_t)));
+  }
+
+  const InitConfig& c_;
+  ModelMemory memory_;
+  Tally tally_;
+  const std::string P_;
+  const std::string heads_;
+};
+
+}  // namespace
+
+ModelMemory estimate_model_memory(const InitConfig& config, std::uint64_t threads) {
+  return Estimator(config).estimate(threads);
 }
 
 }  // namespace quorvel
