@@ -33,6 +33,21 @@ test-tsan:
 	cmake --build build-tsan -j $(JOBS) --target $(TSAN_TESTS)
 	set -e; for t in $(TSAN_TESTS); do ./build-tsan/tests/$$t --gtest_brief=1; done
 
+# libFuzzer harnesses (fuzz/) in a clang build of their own: AddressSanitizer
+# and UndefinedBehaviorSanitizer, coverage instrumentation on all engine code.
+# `make fuzz` builds them and writes the seed corpora (build-fuzz/corpus/);
+# `make fuzz-smoke` runs each for FUZZ_SECONDS on a copy of its seeds.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 30
+.PHONY: fuzz fuzz-smoke
+fuzz:
+	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++-14 \
+	  -DQUORVEL_FUZZ=ON -DQUORVEL_TESTS=OFF -DQUORVEL_SANITIZE=address,undefined $(SANITIZER_FLAGS)
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_all
+
+fuzz-smoke: fuzz
+	fuzz/smoke.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
 # Kernel micro-benchmarks in a Release build of their own. BENCH_ARGS passes
 # Google Benchmark flags; the default keeps one run short on a shared machine.
 BENCH_ARGS ?= --benchmark_min_time=0.1
@@ -86,4 +101,4 @@ test-arm-cpu-%:
 	done
 
 clean:
-	rm -rf build build-asan build-tsan build-release
+	rm -rf build build-asan build-tsan build-release build-fuzz
