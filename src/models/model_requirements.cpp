@@ -81,9 +81,15 @@ std::optional<std::string> shape_refusal(const InitConfig& c) {
   return std::nullopt;
 }
 
-std::string gib(std::uint64_t bytes) {
+// GiB with one decimal, or MiB below one GiB.
+std::string readable_size(std::uint64_t bytes) {
+  const double mib = static_cast<double>(bytes) / std::pow(2.0, 20);
   char text[32];
-  std::snprintf(text, sizeof text, "%.1f GiB", static_cast<double>(bytes) / std::pow(2.0, 30));
+  if (mib < 1024.0) {
+    std::snprintf(text, sizeof text, "%.1f MiB", mib);
+  } else {
+    std::snprintf(text, sizeof text, "%.1f GiB", mib / 1024.0);
+  }
   return text;
 }
 
@@ -92,9 +98,10 @@ std::optional<std::string> memory_refusal(const ModelMemory& memory, std::uint64
     return "Error: " + memory.overflowing_part + " would be larger than 2^64 bytes";
   }
   if (memory.total() <= memory_bytes) return std::nullopt;
-  return "Error: this model needs " + gib(memory.total()) + " of memory (weights " + gib(memory.weights) +
-         ", key/value caches " + gib(memory.caches) + ", buffers " + gib(memory.buffers) + "), more than the " +
-         gib(memory_bytes) + " this machine has; lower max_position_embeddings or use a smaller model";
+  return "Error: this model needs " + readable_size(memory.total()) + " of memory (weights " +
+         readable_size(memory.weights) + ", key/value caches " + readable_size(memory.caches) + ", buffers " +
+         readable_size(memory.buffers) + "), more than the " + readable_size(memory_bytes) +
+         " this machine has; lower max_position_embeddings or use a smaller model";
 }
 
 }  // namespace
