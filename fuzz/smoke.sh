@@ -33,8 +33,8 @@ for harness in "${harnesses[@]}"; do
   fi
 done
 
+echo "fuzz-smoke: $((${#harnesses[@]} - ${#failed[@]})) passed, ${#failed[@]} failed"
 if [ ${#failed[@]} -ne 0 ]; then
-  echo "fuzz-smoke: findings in ${failed[*]} (inputs under $build/smoke/<harness>/artifacts/)"
+  echo "findings in ${failed[*]}; the inputs are under $build/smoke/<harness>/artifacts/"
   exit 1
 fi
-echo "fuzz-smoke: ${#harnesses[@]} harnesses ran ${seconds} s each without a finding"
