@@ -1,5 +1,6 @@
 #include "io/short_read.h"
 
+#include <algorithm>
 #include <iostream>
 #include <limits>
 
@@ -14,6 +15,18 @@ ReadResult read_exact(std::istream& in, void* dest, std::uint64_t bytes) {
   }
   in.read(static_cast<char*>(dest), static_cast<std::streamsize>(bytes));
   return {!in.fail(), static_cast<std::uint64_t>(in.gcount())};
+}
+
+bool read_backed(std::istream& in, std::uint64_t bytes, std::vector<char>& out) {
+  constexpr std::uint64_t kFirstStep = std::uint64_t{1} << 20;
+  out.clear();
+  while (out.size() < bytes) {
+    const std::uint64_t filled = out.size();
+    const std::uint64_t step = std::min(bytes - filled, std::max(filled, kFirstStep));
+    out.resize(filled + step);
+    if (!read_exact(in, out.data() + filled, step)) return false;
+  }
+  return true;
 }
 
 void report_short_read(std::istream& in, std::string_view prefix, std::uint64_t count_read,

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <istream>
 #include <string_view>
+#include <vector>
 
 namespace quorvel {
 
@@ -18,6 +19,12 @@ struct ReadResult {
 // A count beyond what a stream can read in one call fails the stream
 // without touching `dest`.
 ReadResult read_exact(std::istream& in, void* dest, std::uint64_t bytes);
+
+// Reads exactly `bytes` bytes into `out`, growing it only as the stream
+// delivers (one step at a time, each at most as large as what was read
+// before it): a size that a crafted file claims but does not hold costs no
+// more memory than the bytes it does hold. False on a short read.
+bool read_backed(std::istream& in, std::uint64_t bytes, std::vector<char>& out);
 
 // Writes the short-read line to standard error:
 //   <prefix><count_read>) != <expected>; EOF: <0|1>, FTELL: <position>

@@ -1,10 +1,13 @@
 #include "layers/auto_linear.h"
 
 #include <algorithm>
+#include <cstring>
 #include <istream>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "io/short_read.h"
 #include "layers/dispatch.h"
@@ -22,13 +25,19 @@ constexpr std::uint64_t kTokensPerChunk = 4;
 
 const PayloadText kBiasText{"Could not read in bias: read_bytes (", "Failed to read linear bias"};
 
-// One LoRA factor of `rows` x `cols` bf16 values. The adapter file's short
-// reads print no report: the message alone says which factor ran short.
+// One LoRA factor of `rows` x `cols` bf16 values. The rank comes from the
+// adapter file alone, so the factor is only allocated once the file has
+// shown that it holds it. The adapter file's short reads print no report:
+// the message alone says which factor ran short.
 AlignedPtr<bf16> read_lora_factor(std::istream& stream, std::uint64_t rows, std::uint64_t cols,
                                   const char* failure) {
   const std::uint64_t count = size_mul(rows, cols);
+  // A size past 64 bits fails as the allocation of it would.
+  if (size_overflowed(size_mul(count, sizeof(bf16)))) throw std::bad_alloc();
+  std::vector<char> bytes;
+  if (!read_backed(stream, size_mul(count, sizeof(bf16)), bytes)) throw std::runtime_error(failure);
   AlignedPtr<bf16> values = allocate_aligned_elements<bf16>(count);
-  if (!read_exact(stream, values.get(), size_mul(count, sizeof(bf16)))) throw std::runtime_error(failure);
+  std::memcpy(values.get(), bytes.data(), bytes.size());
   return values;
 }
 
@@ -118,10 +127,11 @@ void AutoLinear::load_lora(std::istream& stream, std::uint64_t rank) {
     return;
   }
   // Built aside and committed at the end, so that a throw leaves no half
-  // adapter behind (and every buffer is released on the way out).
-  AlignedPtr<float> scratch = allocate_aligned_elements<float>(size_mul(thread_count(), rank));
+  // adapter behind (and every buffer is released on the way out). The
+  // scratch is sized by the rank only once the factors have shown it real.
   AlignedPtr<bf16> a = read_lora_factor(stream, in_shape_, rank, "Failed to read LoRA A matrix");
   AlignedPtr<bf16> b = read_lora_factor(stream, rank, out_shape_, "Failed to read LoRA B matrix");
+  AlignedPtr<float> scratch = allocate_aligned_elements<float>(size_mul(thread_count(), rank));
   LoraFactor factor_a(lora_format_, std::move(a), in_shape_, rank);
   LoraFactor factor_b(lora_format_, std::move(b), rank, out_shape_);
   lora_a_ = std::move(factor_a);

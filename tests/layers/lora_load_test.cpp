@@ -155,5 +155,20 @@ TEST_F(LoraRecordTest, OverflowingSizesFailToAllocate) {
   }
 }
 
+// A rank that fits in 64 bits but that the file does not back (here 2^40
+// bytes of A behind a record of one byte) costs no allocation of that size:
+// the record just runs short.
+TEST_F(LoraRecordTest, ARankTheFileDoesNotHoldRunsShortWithoutAllocatingIt) {
+  auto linear = layer(QuantFormat::NONE);
+  auto stream = binary_stream(record(1));
+  try {
+    linear->load_lora(stream, std::uint64_t{1} << 33);
+    ADD_FAILURE() << "a record of one byte loaded";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "Failed to read LoRA A matrix");
+  }
+  EXPECT_FALSE(linear->has_lora());
+}
+
 }  // namespace
 }  // namespace quorvel::layers
