@@ -8,6 +8,8 @@ set -uo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build-fuzz}
 seconds=${2:-30}
+# Undefined-behaviour reports come with their stack, like the others.
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:+$UBSAN_OPTIONS:}print_stacktrace=1
 harnesses=(fuzz_init_config fuzz_model_file fuzz_rope_cache fuzz_lora_file fuzz_requests)
 
 failed=()
