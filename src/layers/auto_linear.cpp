@@ -37,7 +37,7 @@ AlignedPtr<bf16> read_lora_factor(std::istream& stream, std::uint64_t rows, std:
   std::vector<char> bytes;
   if (!read_backed(stream, size_mul(count, sizeof(bf16)), bytes)) throw std::runtime_error(failure);
   AlignedPtr<bf16> values = allocate_aligned_elements<bf16>(count);
-  std::memcpy(values.get(), bytes.data(), bytes.size());
+  if (!bytes.empty()) std::memcpy(values.get(), bytes.data(), bytes.size());  // rank 0 reads nothing
   return values;
 }
 

@@ -155,6 +155,17 @@ TEST_F(LoraRecordTest, OverflowingSizesFailToAllocate) {
   }
 }
 
+// Rank 0: both factors are empty and the record is its flag byte alone.
+TEST_F(LoraRecordTest, RankZeroReadsOnlyTheFlagAndAddsNothing) {
+  auto linear = layer(QuantFormat::INT8);
+  auto stream = binary_stream(record(0).replace(0, 1, 1, '\x01') + "next");
+  linear->load_lora(stream, 0);
+  EXPECT_TRUE(linear->has_lora());
+  EXPECT_EQ(stream.tellg(), 1);
+  const Outputs outputs = forward(*linear);
+  EXPECT_TRUE(same_bits(outputs.with_rows, outputs.without_rows));
+}
+
 // A rank that fits in 64 bits but that the file does not back (here 2^40
 // bytes of A behind a record of one byte) costs no allocation of that size:
 // the record just runs short.
