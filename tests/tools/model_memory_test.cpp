@@ -75,14 +75,9 @@ using testing::TempDir;
 // Shapes where the tables dwarf the bookkeeping: the query rows are wider
 // than the feed-forward rows, so the buffers follow the widest row.
 InitConfig config_for(std::int32_t arch, bool tied, QuantFormat unembed) {
-  InitConfig config;
-  config.arch_type = arch;
-  config.hidden_dim = 256;
-  config.intermediate_dim = 384;
+  InitConfig config = testing::small_config(arch);
   config.num_layers = 3;
-  config.num_heads = 4;
   config.num_kv_heads = 2;
-  config.head_dim = 128;
   config.vocab_size = 1001;
   config.max_position_embeddings = 200;
   config.tie_word_embeddings = tied;
