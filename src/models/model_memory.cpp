@@ -78,6 +78,12 @@ std::uint64_t largest_projection_source_bytes(const InitConfig& c) {
   return size_mul(widest, sizeof(bf16));
 }
 
+std::uint64_t rotary_table_bytes(const InitConfig& c) {
+  return size_mul(2, c.head_dim, c.max_position_embeddings, sizeof(float));
+}
+
+std::uint64_t final_norm_bytes(const InitConfig& c) { return size_mul(c.hidden_dim, sizeof(bf16)); }
+
 struct EmbeddingBytes {
   std::uint64_t resident;
   std::uint64_t loading;  // freed once the output table is built
@@ -145,7 +151,7 @@ class Estimator {
     const std::string embedding_part =
         "the token embedding (" + key("vocab_size", c_.vocab_size) + " x " + key("hidden_dim", c_.hidden_dim) + ")";
     tally_.add(&ModelMemory::weights, embedding.resident, embedding_part);
-    tally_.add(&ModelMemory::weights, size_mul(c_.hidden_dim, sizeof(bf16)), embedding_part);  // the final norm
+    tally_.add(&ModelMemory::weights, final_norm_bytes(c_), embedding_part);
     const RowBytes row_bytes = projection_row_bytes(c_.arch_type);
     if (row_bytes == nullptr) return;
     const std::uint64_t layer = size_add(layer_projection_bytes(row_bytes, c_), layer_norm_bytes(c_));
@@ -169,7 +175,7 @@ class Estimator {
                "the activation buffers (" + P_ + " x the widest of hidden_dim, intermediate_dim and " + heads_ + ")");
     tally_.add(&ModelMemory::buffers, ModelScratch::bytes_needed(c_, threads),
                "the scratch buffers (" + P_ + ", " + key("vocab_size", c_.vocab_size) + ", " + heads_ + ")");
-    tally_.add(&ModelMemory::buffers, size_mul(2, c_.head_dim, c_.max_position_embeddings, sizeof(float)),
+    tally_.add(&ModelMemory::buffers, rotary_table_bytes(c_),
                "the rotary tables (" + key("head_dim", c_.head_dim) + " x " + P_ + ")");
   }
 
@@ -205,6 +211,17 @@ class Estimator {
 
 ModelMemory estimate_model_memory(const InitConfig& config, std::uint64_t threads) {
   return Estimator(config).estimate(threads);
+}
+
+std::uint64_t bytes_for_embedding(const InitConfig& config) {
+  const EmbeddingBytes embedding = embedding_bytes(config);
+  return size_add(embedding.resident, embedding.loading);
+}
+
+std::uint64_t bytes_before_layers(const InitConfig& c, std::uint64_t threads) {
+  const std::uint64_t after_embedding = size_add(embedding_bytes(c).resident, final_norm_bytes(c),
+                                                 rotary_table_bytes(c), ModelScratch::bytes_needed(c, threads));
+  return std::max(bytes_for_embedding(c), after_embedding);
 }
 
 }  // namespace quorvel

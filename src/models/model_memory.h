@@ -29,4 +29,10 @@ struct ModelMemory {
 // until its file is read and is not counted.
 ModelMemory estimate_model_memory(const InitConfig& config, std::uint64_t threads);
 
+// What building has allocated at its peak by two points of its order: once
+// the token embedding is read, and once everything but the layers is (the
+// embedding, the final norm, the rotary tables and the scratch buffers).
+std::uint64_t bytes_for_embedding(const InitConfig& config);
+std::uint64_t bytes_before_layers(const InitConfig& config, std::uint64_t threads);
+
 }  // namespace quorvel

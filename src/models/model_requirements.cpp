@@ -1,5 +1,6 @@
 #include "models/model_requirements.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -21,12 +22,11 @@ bool is_known_architecture(std::int32_t code) {
   return code >= static_cast<std::int32_t>(ArchType::BITNET) && code <= static_cast<std::int32_t>(ArchType::QWEN3);
 }
 
-// The widths that the model's constructors require in whole groups of 128,
-// with their own messages: the final norm's (and the 1-bit embeddings')
-// hidden_dim; in every layer the norms' widths and, for the ternary and
-// 1-bit formats, both shapes of every projection.
-std::vector<std::uint64_t> widths_checked_while_building(const InitConfig& c) {
-  std::vector<std::uint64_t> widths = {c.hidden_dim};
+// The widths that every layer's constructors require in whole groups of 128,
+// with their own messages: the norms' widths and, for the ternary and 1-bit
+// formats, both shapes of every projection. None without layers.
+std::vector<std::uint64_t> layer_widths_in_groups(const InitConfig& c) {
+  std::vector<std::uint64_t> widths;
   if (c.num_layers == 0) return widths;
   const std::uint64_t query = size_mul(c.num_heads, c.head_dim);
   const std::uint64_t key_value = size_mul(c.num_kv_heads, c.head_dim);
@@ -43,14 +43,24 @@ std::vector<std::uint64_t> widths_checked_while_building(const InitConfig& c) {
   return widths;
 }
 
-bool answered_while_building(const InitConfig& c) {
-  if (!is_known_architecture(c.arch_type)) return true;
-  const std::vector<std::unique_ptr<layers::TransformerLayerBase>> layer_array;
-  if (c.num_layers > layer_array.max_size()) return true;
-  for (const std::uint64_t width : widths_checked_while_building(c)) {
-    if (width % kGroupWidth != 0) return true;
+// Where building the model refuses the config with a message of its own:
+// how much it has allocated by then. An unknown architecture code and a
+// 1-bit embedding's width are refused before anything is allocated; the final
+// norm's width once the token embedding is read; a layer's width and a layer
+// count beyond the layer array once everything but the layers is. nullopt
+// when none of its checks refuses.
+std::optional<std::uint64_t> bytes_before_model_refusal(const InitConfig& c) {
+  const auto arch = static_cast<ArchType>(c.arch_type);
+  if (!is_known_architecture(c.arch_type)) return 0;
+  if (c.hidden_dim % kGroupWidth != 0) {
+    return arch == ArchType::BONSAI || arch == ArchType::BONSAI_TERNARY ? 0 : bytes_for_embedding(c);
   }
-  return false;
+  const std::vector<std::unique_ptr<layers::TransformerLayerBase>> layer_array;
+  const std::vector<std::uint64_t> widths = layer_widths_in_groups(c);
+  const bool layer_refused =
+      std::any_of(widths.begin(), widths.end(), [](std::uint64_t w) { return w % kGroupWidth != 0; });
+  if (c.num_layers > layer_array.max_size() || layer_refused) return bytes_before_layers(c, thread_count());
+  return std::nullopt;
 }
 
 std::string entry(const char* key, std::uint64_t value) { return std::string(key) + "=" + std::to_string(value); }
@@ -107,9 +117,14 @@ std::optional<std::string> memory_refusal(const ModelMemory& memory, std::uint64
 }  // namespace
 
 std::optional<std::string> start_up_refusal(const InitConfig& config, std::uint64_t memory_bytes) {
-  if (answered_while_building(config)) return std::nullopt;
+  const ModelMemory memory = estimate_model_memory(config, thread_count());
+  // The model's own message comes first, unless what building allocates
+  // before it already does not fit.
+  if (const std::optional<std::uint64_t> before = bytes_before_model_refusal(config)) {
+    return *before <= memory_bytes ? std::nullopt : memory_refusal(memory, memory_bytes);
+  }
   if (auto refusal = shape_refusal(config)) return refusal;
-  return memory_refusal(estimate_model_memory(config, thread_count()), memory_bytes);
+  return memory_refusal(memory, memory_bytes);
 }
 
 }  // namespace quorvel

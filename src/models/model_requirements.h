@@ -17,7 +17,8 @@ namespace quorvel {
 // thread_count()) against `memory_bytes`. Configs that building the model
 // answers with messages of its own (an unknown architecture code, a width
 // that a weight format or a norm needs in whole groups of 128, more layers
-// than the layer array can hold) are left to those: nullopt.
+// than the layer array can hold) are left to those (nullopt), unless what
+// building allocates before that message already exceeds `memory_bytes`.
 std::optional<std::string> start_up_refusal(const InitConfig& config, std::uint64_t memory_bytes);
 
 }  // namespace quorvel

@@ -62,6 +62,18 @@ TEST(StartUpRefusal, RefusesWhatNoLayerServesAndLeavesTheModelsOwnChecksToIt) {
   }
 }
 
+TEST(StartUpRefusal, TheModelsOwnMessageWinsOnlyWhereBuildingReachesIt) {
+  InitConfig config = servable(ArchType::LLAMA);
+  config.hidden_dim = 100;  // the final norm refuses it, once the embedding is read
+  EXPECT_EQ(start_up_refusal(config, 1 << 30), std::nullopt);
+  config.vocab_size = 1'000'000'000;  // a 200 GB embedding would be allocated first
+  const std::optional<std::string> refusal = start_up_refusal(config, 1 << 30);
+  ASSERT_TRUE(refusal.has_value());
+  EXPECT_EQ(refusal->rfind("Error: this model needs ", 0), 0u) << *refusal;
+  config.arch_type = static_cast<std::int32_t>(ArchType::BONSAI);  // refused before its embedding is read
+  EXPECT_EQ(start_up_refusal(config, 1 << 30), std::nullopt);
+}
+
 TEST(StartUpRefusal, AModelAboveTheMemoryNamesItsSizeAndTheMachines) {
   const InitConfig config = servable(ArchType::BONSAI);
   ASSERT_EQ(start_up_refusal(config, kPlenty), std::nullopt);
