@@ -5,6 +5,10 @@
 // generation counter (for ten seconds after their last job, then park on a
 // condition variable), and the dispatching thread runs share 0 itself and
 // spins until every worker has finished. One job is in flight at a time.
+//
+// Every spin is a short burst of pause instructions followed, while nothing
+// has changed, by a yield of the processor: with more threads than usable
+// CPUs, the thread being waited for may be the one without a core.
 #pragma once
 
 #include <atomic>
