@@ -179,13 +179,20 @@ void expect_back_to_back_jobs_complete(ThreadPool& pool, std::uint32_t jobs) {
   }
 }
 
-// A pool with more threads than free cores waits a scheduler time slice per
-// job, so the long run uses two threads.
+// The long run uses two threads so that it stays quick on a loaded machine.
 TEST(ThreadPoolTest, ManyBackToBackTinyJobsAllComplete) {
   ThreadPool two(2);
   expect_back_to_back_jobs_complete(two, 100000);
   ThreadPool four(4);
   expect_back_to_back_jobs_complete(four, 100);
+}
+
+// Far more threads than cores: every job waits for threads that have no core
+// until the waiting ones yield theirs. Spinning without yielding made this
+// take a scheduler time slice per job.
+TEST(ThreadPoolTest, PoolWithFarMoreThreadsThanCoresCompletesBackToBackJobs) {
+  ThreadPool sixteen(16);
+  expect_back_to_back_jobs_complete(sixteen, 5000);
 }
 
 // Takes eleven seconds: the workers must have parked, and both a dispatch
