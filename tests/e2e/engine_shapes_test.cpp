@@ -7,7 +7,10 @@ namespace {
 
 std::string token_list(std::size_t first, std::size_t count) {
   std::string list;
-  for (std::size_t i = first; i < first + count; ++i) list += (list.empty() ? "" : ",") + std::to_string(7 * i % 300);
+  for (std::size_t i = first; i < first + count; ++i) {
+    if (!list.empty()) list += ',';
+    list += std::to_string(7 * i % 300);
+  }
   return list;
 }
 
