@@ -122,8 +122,6 @@ class Tally {
   ModelMemory& memory_;
 };
 
-std::string key(const char* name, std::uint64_t value) { return std::string(name) + "=" + std::to_string(value); }
-
 // The estimate, part by part; each part is named by the config keys it comes
 // from, for the overflow report.
 class Estimator {
@@ -131,8 +129,8 @@ class Estimator {
   explicit Estimator(const InitConfig& c)
       : c_(c),
         tally_(memory_),
-        P_(key("max_position_embeddings", c.max_position_embeddings)),
-        heads_(key("num_heads", c.num_heads) + " x " + key("head_dim", c.head_dim)) {}
+        P_(config_entry("max_position_embeddings", c.max_position_embeddings)),
+        heads_(config_entry("num_heads", c.num_heads) + " x " + config_entry("head_dim", c.head_dim)) {}
 
   ModelMemory estimate(std::uint64_t threads) {
     const EmbeddingBytes embedding = embedding_bytes(c_);
@@ -149,23 +147,23 @@ class Estimator {
  private:
   void add_weights(const EmbeddingBytes& embedding) {
     const std::string embedding_part =
-        "the token embedding (" + key("vocab_size", c_.vocab_size) + " x " + key("hidden_dim", c_.hidden_dim) + ")";
+        "the token embedding (" + config_entry("vocab_size", c_.vocab_size) + " x " + config_entry("hidden_dim", c_.hidden_dim) + ")";
     tally_.add(&ModelMemory::weights, embedding.resident, embedding_part);
     tally_.add(&ModelMemory::weights, final_norm_bytes(c_), embedding_part);
     const RowBytes row_bytes = projection_row_bytes(c_.arch_type);
     if (row_bytes == nullptr) return;
     const std::uint64_t layer = size_add(layer_projection_bytes(row_bytes, c_), layer_norm_bytes(c_));
     tally_.add(&ModelMemory::weights, size_mul(c_.num_layers, layer),
-               "the layer weights (" + key("num_layers", c_.num_layers) + " x " + key("hidden_dim", c_.hidden_dim) +
-                   ", " + key("intermediate_dim", c_.intermediate_dim) + ", " + heads_ + ", " +
-                   key("num_kv_heads", c_.num_kv_heads) + ")");
+               "the layer weights (" + config_entry("num_layers", c_.num_layers) + " x " + config_entry("hidden_dim", c_.hidden_dim) +
+                   ", " + config_entry("intermediate_dim", c_.intermediate_dim) + ", " + heads_ + ", " +
+                   config_entry("num_kv_heads", c_.num_kv_heads) + ")");
   }
 
   void add_caches() {
     const std::uint64_t kv_width = size_mul(c_.num_kv_heads, c_.head_dim);
     tally_.add(&ModelMemory::caches, size_mul(c_.num_layers, 2, c_.max_position_embeddings, kv_width, sizeof(bf16)),
-               "the key/value caches (" + key("num_layers", c_.num_layers) + " x " + P_ + " x " +
-                   key("num_kv_heads", c_.num_kv_heads) + " x " + key("head_dim", c_.head_dim) + ")");
+               "the key/value caches (" + config_entry("num_layers", c_.num_layers) + " x " + P_ + " x " +
+                   config_entry("num_kv_heads", c_.num_kv_heads) + " x " + config_entry("head_dim", c_.head_dim) + ")");
   }
 
   // The driver's two activation buffers and token history, the model's
@@ -174,9 +172,9 @@ class Estimator {
     tally_.add(&ModelMemory::buffers, driver_bytes(),
                "the activation buffers (" + P_ + " x the widest of hidden_dim, intermediate_dim and " + heads_ + ")");
     tally_.add(&ModelMemory::buffers, ModelScratch::bytes_needed(c_, threads),
-               "the scratch buffers (" + P_ + ", " + key("vocab_size", c_.vocab_size) + ", " + heads_ + ")");
+               "the scratch buffers (" + P_ + ", " + config_entry("vocab_size", c_.vocab_size) + ", " + heads_ + ")");
     tally_.add(&ModelMemory::buffers, rotary_table_bytes(c_),
-               "the rotary tables (" + key("head_dim", c_.head_dim) + " x " + P_ + ")");
+               "the rotary tables (" + config_entry("head_dim", c_.head_dim) + " x " + P_ + ")");
   }
 
   // Loading holds some tables for a moment: the embedding's while nothing
@@ -190,7 +188,7 @@ class Estimator {
         size_add(resident - std::min(resident, driver_bytes()), largest_projection_source_bytes(c_));
     const std::uint64_t peak = std::max({resident, embedding_peak, projection_peak});
     tally_.add(&ModelMemory::weights, peak - resident,
-               "the weights held while loading (" + heads_ + ", " + key("intermediate_dim", c_.intermediate_dim) +
+               "the weights held while loading (" + heads_ + ", " + config_entry("intermediate_dim", c_.intermediate_dim) +
                    ")");
   }
 
@@ -208,6 +206,10 @@ class Estimator {
 };
 
 }  // namespace
+
+std::string config_entry(const char* key, std::uint64_t value) {
+  return std::string(key) + "=" + std::to_string(value);
+}
 
 ModelMemory estimate_model_memory(const InitConfig& config, std::uint64_t threads) {
   return Estimator(config).estimate(threads);

@@ -29,6 +29,9 @@ struct ModelMemory {
 // until its file is read and is not counted.
 ModelMemory estimate_model_memory(const InitConfig& config, std::uint64_t threads);
 
+// "key=value", the way messages about the config name one of its entries.
+std::string config_entry(const char* key, std::uint64_t value);
+
 // What building has allocated at its peak by two points of its order: once
 // the token embedding is read, and once everything but the layers is (the
 // embedding, the final norm, the rotary tables and the scratch buffers).

@@ -63,8 +63,6 @@ std::optional<std::uint64_t> bytes_before_model_refusal(const InitConfig& c) {
   return std::nullopt;
 }
 
-std::string entry(const char* key, std::uint64_t value) { return std::string(key) + "=" + std::to_string(value); }
-
 // Widths and counts that no layer can be built with, and head shapes that
 // the attention and rotary kernels cannot serve.
 std::optional<std::string> shape_refusal(const InitConfig& c) {
@@ -78,14 +76,14 @@ std::optional<std::string> shape_refusal(const InitConfig& c) {
       {"max_position_embeddings", c.max_position_embeddings},
   }};
   for (const auto& [key, value] : counts) {
-    if (value == 0) return "Error: " + entry(key, value) + " must be at least 1";
+    if (value == 0) return "Error: " + config_entry(key, value) + " must be at least 1";
   }
   if (c.num_heads % c.num_kv_heads != 0) {
-    return "Error: " + entry("num_heads", c.num_heads) + " must be a multiple of " +
-           entry("num_kv_heads", c.num_kv_heads) + " (each key/value head serves a whole group of query heads)";
+    return "Error: " + config_entry("num_heads", c.num_heads) + " must be a multiple of " +
+           config_entry("num_kv_heads", c.num_kv_heads) + " (each key/value head serves a whole group of query heads)";
   }
   if (c.head_dim % kHeadDimMultiple != 0) {
-    return "Error: " + entry("head_dim", c.head_dim) +
+    return "Error: " + config_entry("head_dim", c.head_dim) +
            " must be a multiple of 8 (rotary embedding turns each head in two halves of whole groups of 4)";
   }
   return std::nullopt;
