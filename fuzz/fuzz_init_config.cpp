@@ -9,7 +9,7 @@
 #include <string>
 
 #include "engine/generation_request.h"
-#include "engine/init_config.h"
+#include "engine/init_config_parser.h"
 #include "engine/key_value_block.h"
 #include "fuzz_support.h"
 #include "models/model_memory.h"

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 #include "engine/model_runner.h"
 #include "fuzz_support.h"
 #include "io/lora_header.h"

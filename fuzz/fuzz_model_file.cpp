@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/init_config.h"
+#include "engine/init_config_parser.h"
 #include "engine/model_runner.h"
 #include "fuzz_support.h"
 #include "io/model_header.h"

@@ -19,7 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/init_config.h"
+#include "engine/init_config_parser.h"
 #include "io/model_header.h"
 #include "io/rope_header.h"
 #include "models/model_base.h"

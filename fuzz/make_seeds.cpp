@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 #include "fuzz_support.h"
 #include "tools/lib/init_text_writer.h"
 #include "tools/lib/lora_file_writer.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <system_error>
 
-#include "engine/init_config.h"
+#include "engine/init_config_parser.h"
 #include "engine/model_runner.h"
 #include "engine/request_loop.h"
 #include "io/lora_header.h"

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <string>
 
-#include "engine/init_config.h"
+#include "engine/init_config_parser.h"
 
 namespace quorvel {
 

@@ -8,8 +8,8 @@
 #include <ostream>
 #include <vector>
 
+#include "config/init_config.h"
 #include "engine/generation_request.h"
-#include "engine/init_config.h"
 #include "sampling/sampler.h"
 
 namespace quorvel {

@@ -13,7 +13,7 @@
 #include <iosfwd>
 #include <string_view>
 
-#include "engine/init_config.h"
+#include "config/quant_format.h"
 #include "layers/lora_factor.h"
 #include "runtime/aligned_buffer.h"
 #include "runtime/bf16.h"

@@ -10,7 +10,7 @@
 #include <iosfwd>
 #include <string>
 
-#include "engine/init_config.h"
+#include "config/quant_format.h"
 #include "layers/payload_read.h"
 #include "runtime/aligned_buffer.h"
 #include "runtime/bf16.h"

@@ -14,7 +14,7 @@
 
 #include <cstdint>
 
-#include "engine/init_config.h"
+#include "config/quant_format.h"
 #include "runtime/aligned_buffer.h"
 #include "runtime/bf16.h"
 #include "runtime/formats/i8_matrix.h"

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 #include "layers/embedding.h"
 #include "layers/norm.h"
 #include "layers/rotary_embedding.h"

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 #include "runtime/checked_size.h"
 
 namespace quorvel {

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 
 namespace quorvel {
 

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 #include "runtime/aligned_buffer.h"
 #include "runtime/bf16.h"
 #include "sampling/sampler.h"

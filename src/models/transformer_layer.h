@@ -11,7 +11,7 @@
 #include <iosfwd>
 #include <memory>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 #include "layers/auto_linear.h"
 #include "layers/norm.h"
 #include "layers/rotary_embedding.h"

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "engine/init_config_parser.h"
 #include "engine/key_value_block.h"
 #include "tools/tool_test_files.h"
 

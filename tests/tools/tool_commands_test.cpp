@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "engine/init_config_parser.h"
 #include "engine/key_value_block.h"
 #include "tools/lib/init_text_writer.h"
 #include "tools/lib/make_model_options.h"

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 
 namespace quorvel::tools::testing {
 

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/init_config.h"
+#include "engine/init_config_parser.h"
 #include "tools/host/engine_process.h"
 #include "tools/host/memory_bandwidth.h"
 #include "tools/lib/tool_commands.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/init_config.h"
+#include "engine/init_config_parser.h"
 #include "tools/host/engine_process.h"
 
 namespace {

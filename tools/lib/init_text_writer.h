@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <string>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 
 namespace quorvel::tools {
 

@@ -21,7 +21,7 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 
 namespace quorvel::tools {
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "engine/init_config_parser.h"
 #include "tools/lib/rope_cache_writer.h"
 #include "tools/lib/tensor_layout.h"
 

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 #include "tools/lib/lora_file_writer.h"
 #include "tools/lib/model_file_writer.h"
 

@@ -2,7 +2,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "engine/init_config.h"
+#include "engine/init_config_parser.h"
 #include "tools/lib/init_text_writer.h"
 #include "tools/lib/rope_cache_writer.h"
 #include "tools/lib/tool_commands.h"

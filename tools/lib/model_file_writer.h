@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "engine/init_config.h"
+#include "config/init_config.h"
 
 namespace quorvel::tools {
 

@@ -1,4 +1,4 @@
-#include "engine/init_config.h"
+#include "engine/init_config_parser.h"
 
 #include <algorithm>
 #include <cctype>
