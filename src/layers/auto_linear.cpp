@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "io/short_read.h"
-#include "layers/dispatch.h"
 #include "layers/payload_read.h"
 #include "runtime/kernel_base.h"
+#include "runtime/parallel_rows.h"
 #include "runtime/thread_pool.h"
 
 namespace quorvel::layers {
@@ -81,20 +81,16 @@ bf16* AutoLinear::forward(const std::int8_t* x_q, const float* x_scale, std::uin
 
 void AutoLinear::multiply_one_token(const std::int8_t* x_q, float x_scale, bf16* out) const {
   const ActivationRow row{x_q, x_scale, code_sum(x_q)};
-  auto units = [&](std::uint64_t first, std::uint64_t count) {
-    const std::uint64_t first_row = first * kRowsPerUnit;
-    const std::uint64_t rows = std::min(count * kRowsPerUnit, out_shape_ - first_row);
-    multiply_rows(row, first_row, rows, out + first_row);
-  };
-  run_static((out_shape_ + kRowsPerUnit - 1) / kRowsPerUnit, units);
+  parallel_rows(out_shape_, {.unit_rows = kRowsPerUnit}, [&](std::uint64_t first, std::uint64_t count) {
+    multiply_rows(row, first, count, out + first);
+  });
 }
 
 void AutoLinear::multiply_several_tokens(const std::int8_t* x_q, const float* x_scale, std::uint64_t n,
                                          bf16* out) const {
-  auto chunk = [&](std::uint64_t first, std::uint64_t count) {
+  parallel_rows(n, {.chunk_units = kTokensPerChunk}, [&](std::uint64_t first, std::uint64_t count) {
     multiply_tokens(x_q + first * in_shape_, x_scale + first, count, out + first * out_shape_);
-  };
-  run_dynamic(n, kTokensPerChunk, chunk);
+  });
 }
 
 void AutoLinear::add_bias(bf16* out, std::uint64_t n) const {
@@ -102,21 +98,18 @@ void AutoLinear::add_bias(bf16* out, std::uint64_t n) const {
   auto whole_rows = [&](std::uint64_t first, std::uint64_t count) {
     for (std::uint64_t t = first; t < first + count; ++t) k.add_bf16(bias_.get(), out + t * out_shape_, out_shape_);
   };
-  if (current_depth() != 0) {
-    whole_rows(0, n);
-  } else if (n == 1 || n <= thread_count() / 2) {
+  if (current_depth() == 0 && (n == 1 || n <= thread_count() / 2)) {
     // Too few rows to keep every worker busy: split each row instead.
     for (std::uint64_t t = 0; t < n; ++t) add_bias_to_row(out + t * out_shape_);
   } else {
-    parallel_for(n, 0, whole_rows);
+    parallel_rows(n, {}, whole_rows);
   }
 }
 
 void AutoLinear::add_bias_to_row(bf16* row) const {
-  auto elements = [&](std::uint64_t first, std::uint64_t count) {
+  parallel_rows(out_shape_, {}, [&](std::uint64_t first, std::uint64_t count) {
     kernels::kernels().add_bf16(bias_.get() + first, row + first, count);
-  };
-  parallel_for(out_shape_, 0, elements);
+  });
 }
 
 void AutoLinear::load_lora(std::istream& stream, std::uint64_t rank) {
@@ -155,11 +148,7 @@ void AutoLinear::apply_lora(const bf16* x_lora, std::uint64_t n, bf16* out) cons
                  in_shape_, lora_rank_, out_shape_, h);
   };
   // Too few tokens to give every worker a share: one call on this thread.
-  if (n < thread_count() / 2 || current_depth() != 0) {
-    tokens(0, n);
-  } else {
-    parallel_for(n, 0, tokens);
-  }
+  parallel_rows(n, {.inline_below = thread_count() / 2}, tokens);
 }
 
 }  // namespace quorvel::layers

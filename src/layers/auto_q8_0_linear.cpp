@@ -1,7 +1,7 @@
 #include "layers/auto_q8_0_linear.h"
 
-#include "layers/dispatch.h"
 #include "runtime/formats/q8_0.h"
+#include "runtime/parallel_rows.h"
 
 namespace quorvel::layers {
 namespace {
@@ -33,10 +33,9 @@ void AutoQ8_0Linear::quantize_from(const bf16* source) {
   // The quantizer leaves the codes of an all-zero block untouched; clearing
   // first keeps the table the same from run to run.
   k.fill_bytes(blocks, 0, size_mul(out_shape(), row_bytes()));
-  auto rows = [&](std::uint64_t first, std::uint64_t count) {
+  parallel_rows(out_shape(), {}, [&](std::uint64_t first, std::uint64_t count) {
     k.quantize_rows_q8_0(source + first * in_shape(), count, in_shape(), blocks + first * row_bytes());
-  };
-  run_static(out_shape(), rows);
+  });
 }
 
 }  // namespace quorvel::layers

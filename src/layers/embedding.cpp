@@ -2,7 +2,6 @@
 
 #include <stdexcept>
 
-#include "layers/dispatch.h"
 #include "runtime/formats/i8_matrix.h"
 #include "runtime/formats/q4_0.h"
 #include "runtime/formats/q5_0.h"
@@ -10,6 +9,7 @@
 #include "runtime/formats/q8_0.h"
 #include "runtime/formats/unembed_layout.h"
 #include "runtime/kernel_base.h"
+#include "runtime/parallel_rows.h"
 #include "runtime/thread_pool.h"
 
 namespace quorvel::layers {
@@ -90,14 +90,9 @@ void EmbeddingBase::check_ids(const std::uint64_t* tokens, std::uint64_t n) cons
 
 bf16* EmbeddingBase::embed(const std::uint64_t* tokens, std::uint64_t n, bf16* out) const {
   check_ids(tokens, n);
-  auto rows = [&](std::uint64_t first, std::uint64_t count) {
+  parallel_rows(n, {.inline_below = kParallelEmbedTokens}, [&](std::uint64_t first, std::uint64_t count) {
     for (std::uint64_t t = first; t < first + count; ++t) embed_row(tokens[t], out + t * embedding_dim_);
-  };
-  if (n < kParallelEmbedTokens) {
-    rows(0, n);
-  } else {
-    run_static(n, rows);
-  }
+  });
   return out;
 }
 
@@ -154,13 +149,12 @@ void Embedding::build_i8_table(const bf16* source) {
   output_scales_ = allocate_zeroed<float>(padded_vocab());
   output_table_ = allocate_zeroed<std::uint8_t>(size_mul(padded_vocab(), columns));
   const AlignedPtr<std::int8_t> plain = allocate_zeroed<std::int8_t>(size_mul(vocab_size(), columns));
-  auto rows = [&](std::uint64_t first, std::uint64_t count) {
+  parallel_rows(vocab_size(), {}, [&](std::uint64_t first, std::uint64_t count) {
     for (std::uint64_t r = first; r < first + count; ++r) {
       kernels::kernels().quantize_rows_i8(source + r * embedding_dim(), plain.get() + r * columns,
                                           output_scales_.get() + r, 1, embedding_dim());
     }
-  };
-  run_static(vocab_size(), rows);
+  });
   formats::tile_i8_for_unembed(plain.get(), vocab_size(), columns,
                                reinterpret_cast<std::int8_t*>(output_table_.get()));
 }
@@ -173,11 +167,10 @@ void Embedding::build_block_table(const bf16* source) {
   // Zeroed because a quantizer may leave the codes of an all-zero block as
   // they were.
   const AlignedPtr<std::uint8_t> plain = allocate_zeroed<std::uint8_t>(size_mul(vocab_size(), output_row_bytes_));
-  auto rows = [&](std::uint64_t first, std::uint64_t count) {
+  parallel_rows(vocab_size(), {}, [&](std::uint64_t first, std::uint64_t count) {
     (kernels::kernels().*format.quantize)(source + first * embedding_dim(), count, embedding_dim(),
                                           plain.get() + first * output_row_bytes_);
-  };
-  run_static(vocab_size(), rows);
+  });
   formats::group_blocks_for_unembed(plain.get(), vocab_size(), blocks_per_row, format.block_bytes,
                                     output_table_.get());
 }
@@ -188,25 +181,21 @@ void Embedding::embed_row(std::uint64_t id, bf16* out) const {
 
 void Embedding::compute_logits(const std::int8_t* codes, float scale, float* logits) const {
   const auto& k = kernels::kernels();
-  const std::uint64_t groups = padded_vocab() / kGroupRows;
+  const RowSplit groups{.unit_rows = kGroupRows};
   if (unembed_format_ == QuantFormat::INT8) {
     const auto* table = reinterpret_cast<const std::int8_t*>(output_table_.get());
-    auto i8_groups = [&](std::uint64_t first, std::uint64_t count) {
-      const std::uint64_t row = first * kGroupRows;
-      k.gemv_i8_f32(table + row * output_row_bytes_, output_scales_.get() + row, codes, scale, logits + row,
-                    count * kGroupRows, output_row_bytes_);
-    };
-    run_static(groups, i8_groups);
+    parallel_rows(padded_vocab(), groups, [&](std::uint64_t row, std::uint64_t rows) {
+      k.gemv_i8_f32(table + row * output_row_bytes_, output_scales_.get() + row, codes, scale, logits + row, rows,
+                    output_row_bytes_);
+    });
     return;
   }
   const BlockFormat* format = find_block_format(unembed_format_);
   if (format == nullptr) throw std::runtime_error("Unsupported unembed quant format in unembed");
-  auto block_groups = [&](std::uint64_t first, std::uint64_t count) {
-    const std::uint64_t row = first * kGroupRows;
-    (k.*format->logits)(output_table_.get() + row * output_row_bytes_, codes, scale, logits + row,
-                        count * kGroupRows, embedding_dim());
-  };
-  run_static(groups, block_groups);
+  parallel_rows(padded_vocab(), groups, [&](std::uint64_t row, std::uint64_t rows) {
+    (k.*format->logits)(output_table_.get() + row * output_row_bytes_, codes, scale, logits + row, rows,
+                        embedding_dim());
+  });
 }
 
 }  // namespace quorvel::layers

@@ -4,8 +4,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "layers/dispatch.h"
 #include "runtime/formats/unembed_layout.h"
+#include "runtime/parallel_rows.h"
 
 namespace quorvel::layers {
 
@@ -31,14 +31,11 @@ void EmbeddingQ1<Tables>::embed_row(std::uint64_t id, bf16* out) const {
 // The table has exactly vocab_size rows, so the last group of 32 is cut short.
 template <typename Tables>
 void EmbeddingQ1<Tables>::compute_logits(const std::int8_t* codes, float scale, float* logits) const {
-  constexpr std::uint64_t kGroupRows = formats::kUnembedGroupRows;
-  auto groups = [&](std::uint64_t first, std::uint64_t count) {
-    const std::uint64_t row = first * kGroupRows;
-    const std::uint64_t rows = std::min(count * kGroupRows, vocab_size() - row);
+  const RowSplit groups{.unit_rows = formats::kUnembedGroupRows};
+  parallel_rows(vocab_size(), groups, [&](std::uint64_t row, std::uint64_t rows) {
     (kernels::kernels().*Tables::kLogits)(lm_head_ + row * blocks_per_row(), codes, scale, logits + row, rows,
                                           embedding_dim());
-  };
-  run_static(padded_vocab() / kGroupRows, groups);
+  });
 }
 
 template class EmbeddingQ1<Q1_0Tables>;

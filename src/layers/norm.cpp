@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "layers/dispatch.h"
 #include "layers/payload_read.h"
+#include "runtime/parallel_rows.h"
 
 namespace quorvel::layers {
 
@@ -19,10 +19,9 @@ Norm::Norm(float eps, std::istream& stream, std::uint64_t layer_width) : layer_w
 }
 
 void Norm::normalize_rows(bf16* x, std::uint64_t n, RowKernel kernel) const {
-  auto rows = [&](std::uint64_t first, std::uint64_t count) {
+  parallel_rows(n, {}, [&](std::uint64_t first, std::uint64_t count) {
     (kernels::kernels().*kernel)(x + first * layer_width_, weights_.get(), count, layer_width_, eps_);
-  };
-  run_static(n, rows);
+  });
 }
 
 void LayerNorm::forward(bf16* x, std::uint64_t n) const { normalize_rows(x, n, &kernels::KernelBase::layer_norm_bf16); }

@@ -2,9 +2,9 @@
 
 #include <stdexcept>
 
-#include "layers/dispatch.h"
 #include "layers/payload_read.h"
 #include "runtime/kernel_base.h"
+#include "runtime/parallel_rows.h"
 
 namespace quorvel::layers {
 namespace {
@@ -32,12 +32,11 @@ void RotaryEmbedding::apply(bf16* x, std::uint64_t num_heads, std::uint64_t n, s
   const float* cos = cos_.get() + start_pos * head_dim_;
   const float* sin = sin_.get() + start_pos * head_dim_;
   const std::uint64_t stride = num_heads * head_dim_;
-  auto heads = [&](std::uint64_t first, std::uint64_t count) {
+  parallel_rows(num_heads, {}, [&](std::uint64_t first, std::uint64_t count) {
     for (std::uint64_t h = first; h < first + count; ++h) {
       kernels::kernels().rope_bf16(x + h * head_dim_, cos, sin, n, stride, head_dim_);
     }
-  };
-  run_static(num_heads, heads);
+  });
 }
 
 }  // namespace quorvel::layers

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "runtime/thread_pool.h"
+#include "runtime/parallel_rows.h"
 
 namespace quorvel::layers {
 namespace {
@@ -33,12 +33,13 @@ void transpose_dimension_tiles(const TransposeCopy& copy, std::uint64_t first_ti
 
 void transpose_copy(const TransposeCopy& copy) {
   const std::uint64_t tiles = dimension_tiles(copy.dims);
-  if (!transpose_copy_splits(copy.tokens, copy.dims) || current_depth() != 0) {
+  if (!transpose_copy_splits(copy.tokens, copy.dims)) {
     transpose_dimension_tiles(copy, 0, tiles);
     return;
   }
-  auto job = [&](std::uint64_t first, std::uint64_t count) { transpose_dimension_tiles(copy, first, count); };
-  parallel_for(tiles, 0, job);
+  parallel_rows(tiles, {}, [&](std::uint64_t first, std::uint64_t count) {
+    transpose_dimension_tiles(copy, first, count);
+  });
 }
 
 }  // namespace quorvel::layers

@@ -1,8 +1,8 @@
 #include "models/transformer_layer.h"
 
-#include "layers/dispatch.h"
 #include "layers/kv_cache_linear.h"
 #include "runtime/kernel_base.h"
+#include "runtime/parallel_rows.h"
 #include "runtime/thread_pool.h"
 
 namespace quorvel::layers {
@@ -121,11 +121,7 @@ void TransformerLayer<Family>::quantize_rows(const RMSNorm* norm, bf16* rows, st
       k.quantize_rows_i8(block, codes + first * width, scales + first, count, width);
     }
   };
-  if (n < thread_count() / 2 || current_depth() != 0) {
-    body(0, n);
-  } else {
-    parallel_for(n, 0, body);
-  }
+  parallel_rows(n, {.inline_below = thread_count() / 2}, body);
 }
 
 template <typename Family>
@@ -144,7 +140,7 @@ void TransformerLayer<Family>::attention(bf16* query, bf16* out, const ModelScra
                        capacity, out + h * D, H * D, n, position_, D, scratch.attention() + h * (D + 64));
     }
   };
-  run_static(H, body);
+  parallel_rows(H, {}, body);
 }
 
 template <typename Family>
@@ -159,11 +155,7 @@ void TransformerLayer<Family>::gate_activation(const bf16* gate, bf16* up, std::
       k.relu2_mul_bf16(gate + first * I, up + first * I, count, I);
     }
   };
-  if (n >= thread_count() / 2 && current_depth() == 0) {
-    parallel_for(n, 0, body);
-  } else {
-    body(0, n);
-  }
+  parallel_rows(n, {.inline_below = thread_count() / 2}, body);
 }
 
 template <typename Family>
@@ -171,7 +163,7 @@ void TransformerLayer<Family>::add_residual(bf16* x, const bf16* delta, std::uin
   const auto& k = kernels::kernels();
   auto body = [&](std::uint64_t first, std::uint64_t count) { k.add_bf16(delta + first, x + first, count); };
   const std::uint64_t elements = n * config_.hidden_dim;
-  if (elements != 0) run_static(elements, body);
+  if (elements != 0) parallel_rows(elements, {}, body);
 }
 
 template class TransformerLayer<ProjectionFamily<KBitLinear, VBitLinear, AutoBitLinear>>;
