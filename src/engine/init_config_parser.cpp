@@ -7,6 +7,8 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "runtime/formats/format_table.h"
+
 namespace quorvel {
 namespace {
 
@@ -103,18 +105,10 @@ InitConfig parse_init_config(const KeyValueBlock& block) {
 }
 
 QuantFormat parse_quant_format(const std::string& key, const std::string& value) {
-  // TERNARY has no text on purpose: ternary factors are never configured.
-  static const std::unordered_map<std::string_view, QuantFormat> formats = {
-      {"none", QuantFormat::NONE}, {"bf16", QuantFormat::NONE}, {"int8", QuantFormat::INT8},
-      {"q4_0", QuantFormat::Q4_0}, {"q5_0", QuantFormat::Q5_0}, {"q6_k", QuantFormat::Q6_K},
-      {"q8_0", QuantFormat::Q8_0},
-  };
   const std::string lowered = to_lower(value);
-  const auto format = formats.find(lowered);
-  if (format == formats.end()) {
-    throw std::runtime_error("Unknown value for " + key + ": " + lowered);
-  }
-  return format->second;
+  const formats::StorageFormat* format = formats::find_storage_format(std::string_view(lowered));
+  if (format == nullptr) throw std::runtime_error("Unknown value for " + key + ": " + lowered);
+  return format->format;
 }
 
 std::vector<std::int64_t> parse_token_list(const std::string& value) {

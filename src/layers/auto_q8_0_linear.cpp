@@ -1,6 +1,6 @@
 #include "layers/auto_q8_0_linear.h"
 
-#include "runtime/formats/q8_0.h"
+#include "runtime/formats/format_table.h"
 #include "runtime/parallel_rows.h"
 
 namespace quorvel::layers {
@@ -13,9 +13,7 @@ const PayloadText kSourceText{"Could not read Q8_0 source BF16 weights: read_byt
 
 AutoQ8_0Linear::AutoQ8_0Linear(std::istream& stream, std::uint64_t in_shape, std::uint64_t out_shape,
                                std::uint64_t num_heads, bool has_bias, QuantFormat lora_format)
-    : BlockLinear(in_shape, out_shape, num_heads, has_bias, lora_format,
-                  weight_row_bytes(in_shape),
-                  &kernels::KernelBase::gemv_q8_0, &kernels::KernelBase::gemm_q8_0) {
+    : BlockLinear(in_shape, out_shape, num_heads, has_bias, lora_format, formats::kQ8_0Weights) {
   // The bf16 source lives only until it is quantized; a short read frees it
   // on the way out.
   const AlignedPtr<bf16> source = read_table<bf16>(stream, size_mul(out_shape, in_shape), kSourceText);
@@ -24,7 +22,7 @@ AutoQ8_0Linear::AutoQ8_0Linear(std::istream& stream, std::uint64_t in_shape, std
 }
 
 std::uint64_t AutoQ8_0Linear::weight_row_bytes(std::uint64_t in_shape) {
-  return size_mul(formats::q8_0_blocks_per_row(in_shape), sizeof(formats::BlockQ8_0));
+  return formats::kQ8_0Weights.layout.row_bytes(in_shape);
 }
 
 void AutoQ8_0Linear::quantize_from(const bf16* source) {

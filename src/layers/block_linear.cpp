@@ -3,12 +3,10 @@
 namespace quorvel::layers {
 
 BlockLinear::BlockLinear(std::uint64_t in_shape, std::uint64_t out_shape, std::uint64_t num_heads, bool has_bias,
-                         QuantFormat lora_format, std::uint64_t row_bytes, RowProduct row_product,
-                         TokenProduct token_product)
+                         QuantFormat lora_format, const formats::WeightFormat& format)
     : AutoLinear(in_shape, out_shape, num_heads, has_bias, lora_format),
-      row_bytes_(row_bytes),
-      row_product_(row_product),
-      token_product_(token_product) {}
+      format_(format),
+      row_bytes_(format.layout.row_bytes(in_shape)) {}
 
 std::uint8_t* BlockLinear::allocate_weights() {
   weights_ = allocate_aligned<std::uint8_t>(size_mul(out_shape(), row_bytes_));
@@ -21,14 +19,14 @@ void BlockLinear::read_weights(std::istream& stream, const PayloadText& text) {
 
 void BlockLinear::multiply_rows(const ActivationRow& x, std::uint64_t first_row, std::uint64_t rows,
                                 bf16* out) const {
-  (kernels::kernels().*row_product_)(weights_.get() + first_row * row_bytes_, x.codes, x.scale, out, rows,
+  (kernels::kernels().*format_.gemv)(weights_.get() + first_row * row_bytes_, x.codes, x.scale, out, rows,
                                      in_shape());
 }
 
 void BlockLinear::multiply_tokens(const std::int8_t* x_q, const float* x_scale, std::uint64_t n_tokens,
                                   bf16* out) const {
-  (kernels::kernels().*token_product_)(weights_.get(), x_q, x_scale, out, out_shape(), n_tokens, out_shape(),
-                                       in_shape());
+  (kernels::kernels().*format_.gemm)(weights_.get(), x_q, x_scale, out, out_shape(), n_tokens, out_shape(),
+                                     in_shape());
 }
 
 }  // namespace quorvel::layers

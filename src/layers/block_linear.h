@@ -1,6 +1,7 @@
 // The formats whose rows are sequences of fixed-size blocks (q1_0_128, q1.58,
-// q8_0) multiply the same way: only the kernel pair and the row size differ,
-// so they share this base and each subclass only reads its weights.
+// q8_0) multiply the same way: the format table gives the kernel pair and
+// the row size, so they share this base and each subclass only reads its
+// weights.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +10,7 @@
 
 #include "layers/auto_linear.h"
 #include "layers/payload_read.h"
-#include "runtime/kernel_base.h"
+#include "runtime/formats/format_table.h"
 
 namespace quorvel::layers {
 
@@ -19,14 +20,8 @@ class BlockLinear : public AutoLinear {
   std::uint64_t row_bytes() const { return row_bytes_; }
 
  protected:
-  using RowProduct = void (kernels::KernelBase::*)(const void* w, const std::int8_t* x, float x_scale, bf16* out,
-                                                   std::size_t rows, std::size_t k) const;
-  using TokenProduct = void (kernels::KernelBase::*)(const void* w, const std::int8_t* x, const float* x_scales,
-                                                     bf16* out, std::size_t out_stride, std::size_t n_tokens,
-                                                     std::size_t rows, std::size_t k) const;
-
   BlockLinear(std::uint64_t in_shape, std::uint64_t out_shape, std::uint64_t num_heads, bool has_bias,
-              QuantFormat lora_format, std::uint64_t row_bytes, RowProduct row_product, TokenProduct token_product);
+              QuantFormat lora_format, const formats::WeightFormat& format);
 
   // Allocates out_shape rows of row_bytes bytes (uninitialised).
   std::uint8_t* allocate_weights();
@@ -39,9 +34,8 @@ class BlockLinear : public AutoLinear {
 
  private:
   AlignedPtr<std::uint8_t> weights_;
+  const formats::WeightFormat& format_;
   std::uint64_t row_bytes_;
-  RowProduct row_product_;
-  TokenProduct token_product_;
 };
 
 }  // namespace quorvel::layers

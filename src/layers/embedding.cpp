@@ -2,11 +2,8 @@
 
 #include <stdexcept>
 
+#include "runtime/formats/format_table.h"
 #include "runtime/formats/i8_matrix.h"
-#include "runtime/formats/q4_0.h"
-#include "runtime/formats/q5_0.h"
-#include "runtime/formats/q6_k.h"
-#include "runtime/formats/q8_0.h"
 #include "runtime/formats/unembed_layout.h"
 #include "runtime/kernel_base.h"
 #include "runtime/parallel_rows.h"
@@ -24,32 +21,10 @@ constexpr std::uint64_t kParallelEmbedTokens = 256;
 // the single-row quantization goes through the pool as a one-unit job.
 constexpr std::uint64_t kInlineQuantizeWorkers = 4;
 
-// An unembed format made of fixed-size blocks.
-struct BlockFormat {
-  QuantFormat format;
-  std::uint64_t block_values;
-  std::uint64_t block_bytes;
-  void (KernelBase::*quantize)(const bf16* x, std::size_t rows, std::size_t cols, void* out) const;
-  void (KernelBase::*logits)(const void* w, const std::int8_t* x, float x_scale, float* out, std::size_t rows,
-                             std::size_t k) const;
-};
-
-constexpr BlockFormat kBlockFormats[] = {
-    {QuantFormat::Q4_0, formats::kQ4_0BlockValues, sizeof(formats::BlockQ4_0), &KernelBase::quantize_rows_q4_0,
-     &KernelBase::gemv_q4_0_f32},
-    {QuantFormat::Q5_0, formats::kQ5_0BlockValues, sizeof(formats::BlockQ5_0), &KernelBase::quantize_rows_q5_0,
-     &KernelBase::gemv_q5_0_f32},
-    {QuantFormat::Q6_K, formats::kQ6_KBlockValues, sizeof(formats::BlockQ6_K), &KernelBase::quantize_rows_q6_k,
-     &KernelBase::gemv_q6_k_f32},
-    {QuantFormat::Q8_0, formats::kQ8_0BlockValues, sizeof(formats::BlockQ8_0), &KernelBase::quantize_rows_q8_0,
-     &KernelBase::gemv_q8_0_f32},
-};
-
-const BlockFormat* find_block_format(QuantFormat format) {
-  for (const BlockFormat& candidate : kBlockFormats) {
-    if (candidate.format == format) return &candidate;
-  }
-  return nullptr;
+// The table entry of an unembed format made of blocks, or nullptr.
+const formats::StorageFormat* find_block_format(QuantFormat format) {
+  const formats::StorageFormat* entry = formats::find_storage_format(format);
+  return entry != nullptr && entry->is_blocks() ? entry : nullptr;
 }
 
 // The int8 table is tiled by 32 columns; a width that is not a multiple of
@@ -138,9 +113,8 @@ Embedding::Embedding(std::istream& stream, std::uint64_t vocab_size, std::uint64
 
 std::uint64_t Embedding::table_row_bytes(QuantFormat format, std::uint64_t embedding_dim) {
   if (format == QuantFormat::INT8) return code_columns(format, embedding_dim);
-  const BlockFormat* blocks = find_block_format(format);
-  if (blocks == nullptr) return 0;
-  return size_mul(size_ceil_div(embedding_dim, blocks->block_values), blocks->block_bytes);
+  const formats::StorageFormat* blocks = find_block_format(format);
+  return blocks == nullptr ? 0 : blocks->layout.row_bytes(embedding_dim);
 }
 
 void Embedding::build_i8_table(const bf16* source) {
@@ -160,18 +134,18 @@ void Embedding::build_i8_table(const bf16* source) {
 }
 
 void Embedding::build_block_table(const bf16* source) {
-  const BlockFormat& format = *find_block_format(unembed_format_);
-  const std::uint64_t blocks_per_row = size_ceil_div(embedding_dim(), format.block_values);
+  const formats::StorageFormat& format = *find_block_format(unembed_format_);
+  const std::uint64_t blocks_per_row = size_ceil_div(embedding_dim(), format.layout.block_values);
   output_row_bytes_ = table_row_bytes(unembed_format_, embedding_dim());
   output_table_ = allocate_zeroed<std::uint8_t>(size_mul(padded_vocab(), output_row_bytes_));
   // Zeroed because a quantizer may leave the codes of an all-zero block as
   // they were.
   const AlignedPtr<std::uint8_t> plain = allocate_zeroed<std::uint8_t>(size_mul(vocab_size(), output_row_bytes_));
   parallel_rows(vocab_size(), {}, [&](std::uint64_t first, std::uint64_t count) {
-    (kernels::kernels().*format.quantize)(source + first * embedding_dim(), count, embedding_dim(),
+    (kernels::kernels().*format.quantize_rows)(source + first * embedding_dim(), count, embedding_dim(),
                                           plain.get() + first * output_row_bytes_);
   });
-  formats::group_blocks_for_unembed(plain.get(), vocab_size(), blocks_per_row, format.block_bytes,
+  formats::group_blocks_for_unembed(plain.get(), vocab_size(), blocks_per_row, format.layout.block_bytes,
                                     output_table_.get());
 }
 
@@ -190,7 +164,7 @@ void Embedding::compute_logits(const std::int8_t* codes, float scale, float* log
     });
     return;
   }
-  const BlockFormat* format = find_block_format(unembed_format_);
+  const formats::StorageFormat* format = find_block_format(unembed_format_);
   if (format == nullptr) throw std::runtime_error("Unsupported unembed quant format in unembed");
   parallel_rows(padded_vocab(), groups, [&](std::uint64_t row, std::uint64_t rows) {
     (k.*format->logits)(output_table_.get() + row * output_row_bytes_, codes, scale, logits + row, rows,

@@ -25,7 +25,7 @@ EmbeddingQ1<Tables>::EmbeddingQ1(std::istream& stream, std::uint64_t vocab_size,
 
 template <typename Tables>
 void EmbeddingQ1<Tables>::embed_row(std::uint64_t id, bf16* out) const {
-  (kernels::kernels().*Tables::kDequantize)(embed_tokens_.get() + id * blocks_per_row(), embedding_dim(), out);
+  (kernels::kernels().*Tables::kFormat.dequantize)(embed_tokens_.get() + id * blocks_per_row(), embedding_dim(), out);
 }
 
 // The table has exactly vocab_size rows, so the last group of 32 is cut short.
@@ -33,7 +33,7 @@ template <typename Tables>
 void EmbeddingQ1<Tables>::compute_logits(const std::int8_t* codes, float scale, float* logits) const {
   const RowSplit groups{.unit_rows = formats::kUnembedGroupRows};
   parallel_rows(vocab_size(), groups, [&](std::uint64_t row, std::uint64_t rows) {
-    (kernels::kernels().*Tables::kLogits)(lm_head_ + row * blocks_per_row(), codes, scale, logits + row, rows,
+    (kernels::kernels().*Tables::kFormat.plain_logits)(lm_head_ + row * blocks_per_row(), codes, scale, logits + row, rows,
                                           embedding_dim());
   });
 }

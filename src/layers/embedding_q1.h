@@ -1,16 +1,14 @@
 // Embeddings whose tables stay in a 128-weight block format ("q1_0_128" or
 // "q1.58"): lookups dequantize one row, and the logits read the output table
-// as it is, row after row. One template serves both formats; the format
-// struct names the block, the kernels and the texts.
+// as it is, row after row. One template serves both formats; the tables
+// struct names the block, its entry in the format table and the texts.
 #pragma once
 
 #include <cstdint>
 #include <iosfwd>
 
 #include "layers/embedding.h"
-#include "runtime/formats/q1_0.h"
-#include "runtime/formats/q1_58.h"
-#include "runtime/kernel_base.h"
+#include "runtime/formats/format_table.h"
 
 namespace quorvel::layers {
 
@@ -18,16 +16,14 @@ struct Q1_0Tables {
   using Block = formats::BlockQ1_0;
   static constexpr const char* kClassName = "EmbeddingQ1_0";
   static constexpr const char* kFormatName = "q1";
-  static constexpr auto kDequantize = &kernels::KernelBase::dequantize_q1_0_bf16;
-  static constexpr auto kLogits = &kernels::KernelBase::gemv_q1_0_f32;
+  static constexpr const formats::WeightFormat& kFormat = formats::kQ1_0Weights;
 };
 
 struct Q1_58Tables {
   using Block = formats::BlockQ1_58;
   static constexpr const char* kClassName = "EmbeddingQ1_58";
   static constexpr const char* kFormatName = "q1.58";
-  static constexpr auto kDequantize = &kernels::KernelBase::dequantize_q1_58_bf16;
-  static constexpr auto kLogits = &kernels::KernelBase::gemv_q1_58_f32;
+  static constexpr const formats::WeightFormat& kFormat = formats::kQ1_58Weights;
 };
 
 template <typename Tables>

@@ -17,8 +17,8 @@
 #include "config/quant_format.h"
 #include "runtime/aligned_buffer.h"
 #include "runtime/bf16.h"
+#include "runtime/formats/format_table.h"
 #include "runtime/formats/i8_matrix.h"
-#include "runtime/kernel_base.h"
 
 namespace quorvel::layers {
 
@@ -47,9 +47,7 @@ class LoraFactor {
 };
 
 // A LoRA side product of the kernel interface (lora_bf16, lora_i8, lora_q*).
-using LoraProduct = void (kernels::KernelBase::*)(const bf16* x, const void* a, const void* b, bf16* out,
-                                                  std::size_t n_tokens, std::size_t in_dim, std::size_t rank,
-                                                  std::size_t out_dim, float* work) const;
+using formats::LoraProduct;
 
 // The side product that reads factors stored in `format`. Throws "Unsupported
 // LoRA quantization format in forward" for a format without LoRA storage.

@@ -104,7 +104,7 @@ TYPED_TEST(EmbeddingQ1Test, EmbedDequantizesTheRowsAfterCheckingIds) {
   const std::vector<std::uint64_t> tokens{69, 0, 33};
   std::vector<bf16> out(3 * this->kDim), expected(3 * this->kDim);
   for (std::uint64_t t = 0; t < 3; ++t) {
-    (kernels::kernels().*TestFixture::Tables::kDequantize)(embedding.embed_tokens() + tokens[t] * 2, this->kDim,
+    (kernels::kernels().*TestFixture::Tables::kFormat.dequantize)(embedding.embed_tokens() + tokens[t] * 2, this->kDim,
                                                            expected.data() + t * this->kDim);
   }
   embedding.embed(tokens.data(), 3, out.data());
@@ -124,7 +124,7 @@ TYPED_TEST(EmbeddingQ1Test, LogitsComeFromTheLastRowOverEveryTableRow) {
   float x_scale = 0;
   kernels::kernels().quantize_rows_i8(hidden.data() + 4 * this->kDim, x.data(), &x_scale, 1, this->kDim);
   std::vector<float> expected(96, -7.0f);
-  (kernels::kernels().*TestFixture::Tables::kLogits)(embedding.lm_head(), x.data(), x_scale, expected.data(),
+  (kernels::kernels().*TestFixture::Tables::kFormat.plain_logits)(embedding.lm_head(), x.data(), x_scale, expected.data(),
                                                        this->kVocab, this->kDim);
   std::vector<Candidate> candidates(thread_count() * 256);
   std::vector<std::uint64_t> indices(this->kVocab);

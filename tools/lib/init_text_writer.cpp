@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "runtime/formats/format_table.h"
 #include "tools/lib/binary_writer.h"
 
 namespace quorvel::tools {
@@ -23,22 +24,7 @@ std::string double_text(double value) {
 std::string flag_text(bool flag) { return flag ? "1" : "0"; }
 
 std::string quant_text(QuantFormat format) {
-  switch (format) {
-    case QuantFormat::NONE:
-      return "none";
-    case QuantFormat::INT8:
-      return "int8";
-    case QuantFormat::Q4_0:
-      return "q4_0";
-    case QuantFormat::Q5_0:
-      return "q5_0";
-    case QuantFormat::Q6_K:
-      return "q6_k";
-    case QuantFormat::Q8_0:
-      return "q8_0";
-    case QuantFormat::TERNARY:
-      break;
-  }
+  if (const formats::StorageFormat* entry = formats::find_storage_format(format)) return std::string(entry->name);
   throw std::invalid_argument("no init config text names quant format " +
                               std::to_string(static_cast<unsigned>(format)));
 }
