@@ -5,9 +5,10 @@
 // give the same integers and therefore the same results bit for bit.
 //
 // Each entry takes exactly the arguments of the KernelBase operation that
-// forwards to it (without the object). The dot-product functions live in the
-// *_dotprod.cpp files, the only ones built with the dot-product instructions;
-// nothing calls them unless the processor reports the feature.
+// forwards to it (without the object). The dot-product functions are
+// compiled in micro_kernels_dotprod.cpp, the only file built with the
+// dot-product instructions; nothing calls them unless the processor reports
+// the feature.
 #pragma once
 
 #include <cstddef>
@@ -26,46 +27,27 @@ using GemmBlocksFn = void(const void* w, const std::int8_t* x, const float* x_sc
 using GemvBlocksFn = void(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows, size_t k);
 using GemvBlocksF32Fn = void(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows, size_t k);
 
-// Field order is fixed: it is the order in which the table is described and filled.
-struct MicroKernelTable {
-  GemvTernaryFn* gemv_ternary;
-  GemmBlocksFn* gemm_q1_0;
-  GemvBlocksFn* gemv_q1_0;
-  GemvBlocksF32Fn* gemv_q1_0_f32;
-  GemmBlocksFn* gemm_q1_58;
-  GemvBlocksFn* gemv_q1_58;
-  GemvBlocksF32Fn* gemv_q1_58_f32;
-  GemmBlocksFn* gemm_q8_0;
-  GemvBlocksFn* gemv_q8_0;
-  GemvBlocksF32Fn* gemv_q8_0_f32;  // over the unembedding table's 32-row groups
+// One block format's products: several tokens into bf16, one token into
+// bf16, one token into float.
+struct BlockProducts {
+  GemmBlocksFn* gemm;
+  GemvBlocksFn* gemv;
+  GemvBlocksF32Fn* gemv_f32;
 };
 
-// The baseline set (*_neon.cpp).
-namespace neon {
-GemvTernaryFn gemv_ternary;
-GemmBlocksFn gemm_q1_0;
-GemvBlocksFn gemv_q1_0;
-GemvBlocksF32Fn gemv_q1_0_f32;
-GemmBlocksFn gemm_q1_58;
-GemvBlocksFn gemv_q1_58;
-GemvBlocksF32Fn gemv_q1_58_f32;
-GemmBlocksFn gemm_q8_0;
-GemvBlocksFn gemv_q8_0;
-GemvBlocksF32Fn gemv_q8_0_f32;
-}  // namespace neon
+// Field order is fixed: it is the order in which the table is described and filled.
+struct MicroKernelTable {
+  const char* set_name;  // the name of the kernel set that runs these products
+  GemvTernaryFn* gemv_ternary;
+  BlockProducts q1_0;
+  BlockProducts q1_58;
+  BlockProducts q8_0;  // gemv_f32 over the unembedding table's 32-row groups
+};
 
-// The dot-product set (*_dotprod.cpp).
-namespace dotprod {
-GemvTernaryFn gemv_ternary;
-GemmBlocksFn gemm_q1_0;
-GemvBlocksFn gemv_q1_0;
-GemvBlocksF32Fn gemv_q1_0_f32;
-GemmBlocksFn gemm_q1_58;
-GemvBlocksFn gemv_q1_58;
-GemvBlocksF32Fn gemv_q1_58_f32;
-GemmBlocksFn gemm_q8_0;
-GemvBlocksFn gemv_q8_0;
-GemvBlocksF32Fn gemv_q8_0_f32;
-}  // namespace dotprod
+// The two filled tables, each by micro_kernels_with (neon_micro_kernels.h)
+// over its variant's int8 sum trait: the baseline set in
+// micro_kernels_neon.cpp, the dot-product set in micro_kernels_dotprod.cpp.
+extern const MicroKernelTable kBaselineMicroKernels;
+extern const MicroKernelTable kDotProductMicroKernels;
 
 }  // namespace quorvel::kernels::arm

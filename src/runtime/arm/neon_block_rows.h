@@ -1,6 +1,6 @@
 // The row walk of every block-format product of the NEON sets (q1_0_128,
-// q1.58, q8_0), written once; a Policy supplies the integer block sums of
-// its format with its instruction set.
+// q1.58, q8_0), written once; a Policy (neon_block_policies.h) supplies the
+// integer block sums of its format with its instruction set.
 //
 // Per output row, as the portable set: acc = 0; for each block in block
 // order, acc = acc + d_b * (float)S_b (product rounded), then acc * x_scale.

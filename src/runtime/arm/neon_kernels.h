@@ -9,10 +9,11 @@
 // the q4_0/q5_0/q6_k logits; the LoRA side products) runs off the hot path
 // or only with options that are not the default.
 //
-// The ten hottest products go through MicroKernelTable, filled once in the
-// constructor with the baseline or the dot-product versions, never a mix.
-// Each family of overrides lives in its own file named after the instruction
-// set (e.g. q1_0_products_neon.cpp beside q1_0_products_dotprod.cpp).
+// The ten hottest products go through MicroKernelTable, chosen once in the
+// constructor: the baseline or the dot-product table, never a mix. Both are
+// filled from the same templates over an int8 sum trait
+// (neon_micro_kernels.h). Each family of the other overrides lives in its own
+// file named after the instruction set (e.g. norms_neon.cpp).
 #pragma once
 
 #include "runtime/arm/micro_kernel_table.h"
@@ -32,7 +33,7 @@ class NEONKernels : public PortableKernels {
   // features.has_dot_product is 1.
   explicit NEONKernels(const CpuFeatures& features);
 
-  // Forwarded through MicroKernelTable.
+  // Forwarded through MicroKernelTable (neon_kernels.cpp).
   void gemv_ternary(const std::uint8_t* w, const std::int8_t* x, std::int32_t x_sum, bf16* out, size_t rows, size_t k,
                     float x_scale, double gamma) const override;
   void gemm_q1_0(const void* w, const std::int8_t* x, const float* x_scales, bf16* out, size_t out_stride,
