@@ -19,49 +19,27 @@ void NEONKernels::gemv_ternary(const std::uint8_t* w, const std::int8_t* x, std:
   table_.gemv_ternary(w, x, x_sum, out, rows, k, x_scale, gamma);
 }
 
-void NEONKernels::gemm_q1_0(const void* w, const std::int8_t* x, const float* x_scales, bf16* out, size_t out_stride,
-                            size_t n_tokens, size_t rows, size_t k) const {
-  table_.q1_0.gemm(w, x, x_scales, out, out_stride, n_tokens, rows, k);
-}
+// The three products of a block format forward to its BlockProducts. Their
+// names differ by format and their signatures are KernelBase's, so the
+// definitions are written once here and stamped out per format.
+#define QUORVEL_FORWARD_BLOCK_PRODUCTS(format)                                                                       \
+  void NEONKernels::gemm_##format(const void* w, const std::int8_t* x, const float* x_scales, bf16* out,             \
+                                  size_t out_stride, size_t n_tokens, size_t rows, size_t k) const {                 \
+    table_.format.gemm(w, x, x_scales, out, out_stride, n_tokens, rows, k);                                          \
+  }                                                                                                                  \
+  void NEONKernels::gemv_##format(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,        \
+                                  size_t k) const {                                                                  \
+    table_.format.gemv(w, x, x_scale, out, rows, k);                                                                 \
+  }                                                                                                                  \
+  void NEONKernels::gemv_##format##_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows, \
+                                        size_t k) const {                                                            \
+    table_.format.gemv_f32(w, x, x_scale, out, rows, k);                                                             \
+  }
 
-void NEONKernels::gemv_q1_0(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,
-                            size_t k) const {
-  table_.q1_0.gemv(w, x, x_scale, out, rows, k);
-}
+QUORVEL_FORWARD_BLOCK_PRODUCTS(q1_0)
+QUORVEL_FORWARD_BLOCK_PRODUCTS(q1_58)
+QUORVEL_FORWARD_BLOCK_PRODUCTS(q8_0)
 
-void NEONKernels::gemv_q1_0_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
-                                size_t k) const {
-  table_.q1_0.gemv_f32(w, x, x_scale, out, rows, k);
-}
-
-void NEONKernels::gemm_q1_58(const void* w, const std::int8_t* x, const float* x_scales, bf16* out, size_t out_stride,
-                             size_t n_tokens, size_t rows, size_t k) const {
-  table_.q1_58.gemm(w, x, x_scales, out, out_stride, n_tokens, rows, k);
-}
-
-void NEONKernels::gemv_q1_58(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,
-                             size_t k) const {
-  table_.q1_58.gemv(w, x, x_scale, out, rows, k);
-}
-
-void NEONKernels::gemv_q1_58_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
-                                 size_t k) const {
-  table_.q1_58.gemv_f32(w, x, x_scale, out, rows, k);
-}
-
-void NEONKernels::gemm_q8_0(const void* w, const std::int8_t* x, const float* x_scales, bf16* out, size_t out_stride,
-                            size_t n_tokens, size_t rows, size_t k) const {
-  table_.q8_0.gemm(w, x, x_scales, out, out_stride, n_tokens, rows, k);
-}
-
-void NEONKernels::gemv_q8_0(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,
-                            size_t k) const {
-  table_.q8_0.gemv(w, x, x_scale, out, rows, k);
-}
-
-void NEONKernels::gemv_q8_0_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
-                                size_t k) const {
-  table_.q8_0.gemv_f32(w, x, x_scale, out, rows, k);
-}
+#undef QUORVEL_FORWARD_BLOCK_PRODUCTS
 
 }  // namespace quorvel::kernels::arm
