@@ -85,8 +85,8 @@ void RequestLoop::answer(const GenerationRequest& request) {
 std::uint64_t RequestLoop::decode(std::int64_t current, std::uint64_t pos, std::uint64_t generated,
                                   const SamplingParams& params) {
   const std::uint64_t context = config_.max_position_embeddings;
-  // max_tokens 0 wraps to the largest value: no limit.
-  auto limit_reached = [&] { return params.max_tokens - 1 < generated; };
+  // max_tokens 0 sets no limit.
+  auto limit_reached = [&] { return params.max_tokens != 0 && generated >= params.max_tokens; };
   while (!is_eos(current) && pos < context && !limit_reached()) {
     model_.forward(&current, 1);
     current = model_.sample(history_.data(), pos, params);

@@ -94,9 +94,10 @@ void AutoLinear::multiply_several_tokens(const std::int8_t* x_q, const float* x_
 }
 
 void AutoLinear::add_bias(bf16* out, std::uint64_t n) const {
-  const auto& k = kernels::kernels();
+  const auto& kernel_set = kernels::kernels();
   auto whole_rows = [&](std::uint64_t first, std::uint64_t count) {
-    for (std::uint64_t t = first; t < first + count; ++t) k.add_bf16(bias_.get(), out + t * out_shape_, out_shape_);
+    for (std::uint64_t t = first; t < first + count; ++t)
+      kernel_set.add_bf16(bias_.get(), out + t * out_shape_, out_shape_);
   };
   if (current_depth() == 0 && (n == 1 || n <= thread_count() / 2)) {
     // Too few rows to keep every worker busy: split each row instead.
@@ -141,11 +142,11 @@ void AutoLinear::load_lora(std::istream& stream, std::uint64_t rank) {
 void AutoLinear::apply_lora(const bf16* x_lora, std::uint64_t n, bf16* out) const {
   if (!has_lora_ || x_lora == nullptr) return;
   const LoraProduct product = lora_product(lora_format_);
-  const auto& k = kernels::kernels();
+  const auto& kernel_set = kernels::kernels();
   auto tokens = [&](std::uint64_t first, std::uint64_t count) {
     float* h = lora_scratch_.get() + worker_index() * lora_rank_;
-    (k.*product)(x_lora + first * in_shape_, lora_a_.data(), lora_b_.data(), out + first * out_shape_, count,
-                 in_shape_, lora_rank_, out_shape_, h);
+    (kernel_set.*product)(x_lora + first * in_shape_, lora_a_.data(), lora_b_.data(), out + first * out_shape_, count,
+                          in_shape_, lora_rank_, out_shape_, h);
   };
   // Too few tokens to give every worker a share: one call on this thread.
   parallel_rows(n, {.inline_below = thread_count() / 2}, tokens);

@@ -27,12 +27,12 @@ std::uint64_t AutoQ8_0Linear::weight_row_bytes(std::uint64_t in_shape) {
 
 void AutoQ8_0Linear::quantize_from(const bf16* source) {
   std::uint8_t* blocks = allocate_weights();
-  const auto& k = kernels::kernels();
+  const auto& kernel_set = kernels::kernels();
   // The quantizer leaves the codes of an all-zero block untouched; clearing
   // first keeps the table the same from run to run.
-  k.fill_bytes(blocks, 0, size_mul(out_shape(), row_bytes()));
+  kernel_set.fill_bytes(blocks, 0, size_mul(out_shape(), row_bytes()));
   parallel_rows(out_shape(), {}, [&](std::uint64_t first, std::uint64_t count) {
-    k.quantize_rows_q8_0(source + first * in_shape(), count, in_shape(), blocks + first * row_bytes());
+    kernel_set.quantize_rows_q8_0(source + first * in_shape(), count, in_shape(), blocks + first * row_bytes());
   });
 }
 

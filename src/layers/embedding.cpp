@@ -154,20 +154,20 @@ void Embedding::embed_row(std::uint64_t id, bf16* out) const {
 }
 
 void Embedding::compute_logits(const std::int8_t* codes, float scale, float* logits) const {
-  const auto& k = kernels::kernels();
+  const auto& kernel_set = kernels::kernels();
   const RowSplit groups{.unit_rows = kGroupRows};
   if (unembed_format_ == QuantFormat::INT8) {
     const auto* table = reinterpret_cast<const std::int8_t*>(output_table_.get());
     parallel_rows(padded_vocab(), groups, [&](std::uint64_t row, std::uint64_t rows) {
-      k.gemv_i8_f32(table + row * output_row_bytes_, output_scales_.get() + row, codes, scale, logits + row, rows,
-                    output_row_bytes_);
+      kernel_set.gemv_i8_f32(table + row * output_row_bytes_, output_scales_.get() + row, codes, scale, logits + row,
+                             rows, output_row_bytes_);
     });
     return;
   }
   const formats::StorageFormat* format = find_block_format(unembed_format_);
   if (format == nullptr) throw std::runtime_error("Unsupported unembed quant format in unembed");
   parallel_rows(padded_vocab(), groups, [&](std::uint64_t row, std::uint64_t rows) {
-    (k.*format->logits)(output_table_.get() + row * output_row_bytes_, codes, scale, logits + row, rows,
+    (kernel_set.*format->logits)(output_table_.get() + row * output_row_bytes_, codes, scale, logits + row, rows,
                         embedding_dim());
   });
 }

@@ -33,8 +33,8 @@ template <typename Tables>
 void EmbeddingQ1<Tables>::compute_logits(const std::int8_t* codes, float scale, float* logits) const {
   const RowSplit groups{.unit_rows = formats::kUnembedGroupRows};
   parallel_rows(vocab_size(), groups, [&](std::uint64_t row, std::uint64_t rows) {
-    (kernels::kernels().*Tables::kFormat.plain_logits)(lm_head_ + row * blocks_per_row(), codes, scale, logits + row, rows,
-                                          embedding_dim());
+    (kernels::kernels().*Tables::kFormat.plain_logits)(lm_head_ + row * blocks_per_row(), codes, scale, logits + row,
+                                                       rows, embedding_dim());
   });
 }
 

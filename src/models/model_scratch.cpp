@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "runtime/kernel_base.h"
 #include "runtime/thread_pool.h"
 
 namespace quorvel {
@@ -19,7 +20,7 @@ struct ScratchCounts {
 
 ScratchCounts scratch_counts(const InitConfig& config, std::uint64_t threads) {
   const std::uint64_t positions = config.max_position_embeddings;
-  return {size_mul(size_add(config.head_dim, 64), config.num_heads),
+  return {size_mul(size_add(config.head_dim, kernels::kAttentionBlock), config.num_heads),
           size_mul(activation_row_width(config), positions), positions, size_round_up(config.vocab_size, 32),
           size_mul(kMaxTopK, threads)};
 }
@@ -38,12 +39,7 @@ std::uint64_t ModelScratch::bytes_needed(const InitConfig& config, std::uint64_t
                   size_mul(counts.candidates, sizeof(Candidate)));
 }
 
-ModelScratch::ModelScratch(const InitConfig& config)
-    : max_positions_(config.max_position_embeddings),
-      num_heads_(config.num_heads),
-      row_width_(activation_row_width(config)),
-      padded_vocab_(size_round_up(config.vocab_size, 32)),
-      head_dim_(config.head_dim) {
+ModelScratch::ModelScratch(const InitConfig& config) {
   const ScratchCounts counts = scratch_counts(config, thread_count());
   attention_ = allocate_aligned_elements<float>(counts.attention);
   projection_a_ = allocate_aligned_elements<bf16>(counts.activations);

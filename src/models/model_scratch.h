@@ -28,16 +28,14 @@ class ModelScratch {
   // The bytes that the buffers of a config take, with `threads` pool threads.
   static std::uint64_t bytes_needed(const InitConfig& config, std::uint64_t threads);
 
-  float* attention() const { return attention_.get(); }    // (D + 64) floats per query head
+  // (D + kAttentionBlock) floats per query head.
+  float* attention() const { return attention_.get(); }
   bf16* projection_a() const { return projection_a_.get(); }  // W x M values, W = activation_row_width
   bf16* projection_b() const { return projection_b_.get(); }  // W x M values
   float* row_scales() const { return row_scales_.get(); }  // one per row, M
   std::int8_t* codes() const { return codes_.get(); }      // W x M quantized activations
   float* logits() const { return logits_.get(); }          // V32 floats
   SamplingWorkspace sampling() const { return {candidates_.get(), indices_.get(), kMaxTopK}; }
-
-  std::uint64_t max_positions() const { return max_positions_; }
-  std::uint64_t padded_vocab() const { return padded_vocab_; }
 
  private:
   AlignedPtr<float> attention_;
@@ -48,12 +46,6 @@ class ModelScratch {
   AlignedPtr<float> logits_;
   AlignedPtr<Candidate> candidates_;
   AlignedPtr<std::uint64_t> indices_;
-  std::uint64_t max_positions_;
-  std::uint64_t num_heads_;
-  std::uint64_t row_width_;
-  std::uint64_t padded_vocab_;
-  std::uint64_t max_top_k_ = kMaxTopK;
-  std::uint64_t head_dim_;
 };
 
 }  // namespace quorvel

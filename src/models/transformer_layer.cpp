@@ -69,7 +69,7 @@ void TransformerLayer<Family>::attach_lora(std::istream& stream, std::uint64_t r
 template <typename Family>
 void TransformerLayer<Family>::forward(const RotaryEmbedding& rope, bf16* x, bf16* work,
                                        const ModelScratch& scratch, std::uint64_t n) {
-  const auto& k = kernels::kernels();
+  const auto& kernel_set = kernels::kernels();
   const std::uint64_t d = config_.hidden_dim, H = config_.num_heads, Hkv = config_.num_kv_heads;
   const std::uint64_t D = config_.head_dim;
   const std::int8_t* codes = scratch.codes();
@@ -79,7 +79,7 @@ void TransformerLayer<Family>::forward(const RotaryEmbedding& rope, bf16* x, bf1
 
   // Attention block. The normalized rows stay in `work`: they are what a
   // LoRA adapter of K, V and Q receives.
-  k.copy_bytes(work, x, n * d * sizeof(bf16));
+  kernel_set.copy_bytes(work, x, n * d * sizeof(bf16));
   quantize_rows(attention_norm_.get(), work, n, d, scratch);
   bf16* key_cache = key_->forward(codes, scales, n, nullptr, work);
   value_->forward(codes, scales, n, b, work);
@@ -97,7 +97,7 @@ void TransformerLayer<Family>::forward(const RotaryEmbedding& rope, bf16* x, bf1
   add_residual(x, output_->forward(codes, scales, n, a, work), n);
 
   // Feed-forward block.
-  k.copy_bytes(work, x, n * d * sizeof(bf16));
+  kernel_set.copy_bytes(work, x, n * d * sizeof(bf16));
   quantize_rows(feed_forward_norm_.get(), work, n, d, scratch);
   gate_->forward(codes, scales, n, a, work);
   up_->forward(codes, scales, n, b, work);
@@ -109,16 +109,16 @@ void TransformerLayer<Family>::forward(const RotaryEmbedding& rope, bf16* x, bf1
 template <typename Family>
 void TransformerLayer<Family>::quantize_rows(const RMSNorm* norm, bf16* rows, std::uint64_t n, std::uint64_t width,
                                              const ModelScratch& scratch) const {
-  const auto& k = kernels::kernels();
+  const auto& kernel_set = kernels::kernels();
   std::int8_t* codes = scratch.codes();
   float* scales = scratch.row_scales();
   auto body = [&](std::uint64_t first, std::uint64_t count) {
     bf16* block = rows + first * width;
     if (norm) {
-      k.rms_norm_quantize_i8(block, norm->weights(), codes + first * width, scales + first, count, width,
-                             norm->eps());
+      kernel_set.rms_norm_quantize_i8(block, norm->weights(), codes + first * width, scales + first, count, width,
+                                      norm->eps());
     } else {
-      k.quantize_rows_i8(block, codes + first * width, scales + first, count, width);
+      kernel_set.quantize_rows_i8(block, codes + first * width, scales + first, count, width);
     }
   };
   parallel_rows(n, {.inline_below = thread_count() / 2}, body);
@@ -127,7 +127,7 @@ void TransformerLayer<Family>::quantize_rows(const RMSNorm* norm, bf16* rows, st
 template <typename Family>
 void TransformerLayer<Family>::attention(bf16* query, bf16* out, const ModelScratch& scratch,
                                          std::uint64_t n) const {
-  const auto& k = kernels::kernels();
+  const auto& kernel_set = kernels::kernels();
   const std::uint64_t H = config_.num_heads, Hkv = config_.num_kv_heads, D = config_.head_dim;
   const std::uint64_t group = Hkv == 0 ? 0 : H / Hkv;  // query heads per key/value head
   const std::uint64_t capacity = value_->max_context();
@@ -136,8 +136,9 @@ void TransformerLayer<Family>::attention(bf16* query, bf16* out, const ModelScra
   auto body = [&](std::uint64_t first, std::uint64_t count) {
     for (std::uint64_t h = first; h < first + count; ++h) {
       const std::uint64_t kv_head = group == 0 ? 0 : h / group;
-      k.attention_bf16(query + h * D, H * D, keys + kv_head * D, Hkv * D, values + kv_head * capacity * D,
-                       capacity, out + h * D, H * D, n, position_, D, scratch.attention() + h * (D + 64));
+      kernel_set.attention_bf16(query + h * D, H * D, keys + kv_head * D, Hkv * D, values + kv_head * capacity * D,
+                                capacity, out + h * D, H * D, n, position_, D,
+                                scratch.attention() + h * (D + kernels::kAttentionBlock));
     }
   };
   parallel_rows(H, {}, body);
@@ -145,14 +146,14 @@ void TransformerLayer<Family>::attention(bf16* query, bf16* out, const ModelScra
 
 template <typename Family>
 void TransformerLayer<Family>::gate_activation(const bf16* gate, bf16* up, std::uint64_t n) const {
-  const auto& k = kernels::kernels();
+  const auto& kernel_set = kernels::kernels();
   const std::uint64_t I = config_.intermediate_dim;
   const bool silu = always_silu_ || config_.activation == 1;
   auto body = [&](std::uint64_t first, std::uint64_t count) {
     if (silu) {
-      k.silu_mul_bf16(gate + first * I, up + first * I, count, I);
+      kernel_set.silu_mul_bf16(gate + first * I, up + first * I, count, I);
     } else {
-      k.relu2_mul_bf16(gate + first * I, up + first * I, count, I);
+      kernel_set.relu2_mul_bf16(gate + first * I, up + first * I, count, I);
     }
   };
   parallel_rows(n, {.inline_below = thread_count() / 2}, body);
@@ -160,8 +161,8 @@ void TransformerLayer<Family>::gate_activation(const bf16* gate, bf16* up, std::
 
 template <typename Family>
 void TransformerLayer<Family>::add_residual(bf16* x, const bf16* delta, std::uint64_t n) const {
-  const auto& k = kernels::kernels();
-  auto body = [&](std::uint64_t first, std::uint64_t count) { k.add_bf16(delta + first, x + first, count); };
+  const auto& kernel_set = kernels::kernels();
+  auto body = [&](std::uint64_t first, std::uint64_t count) { kernel_set.add_bf16(delta + first, x + first, count); };
   const std::uint64_t elements = n * config_.hidden_dim;
   if (elements != 0) parallel_rows(elements, {}, body);
 }

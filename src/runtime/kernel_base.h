@@ -32,6 +32,9 @@ struct CpuFeatures {
 };
 static_assert(sizeof(CpuFeatures) == 2);
 
+// Positions whose attention scores one pass holds (see slot 28).
+inline constexpr size_t kAttentionBlock = 64;
+
 class KernelBase {
  public:
   virtual ~KernelBase() = default;
@@ -116,7 +119,8 @@ class KernelBase {
   // 28. Causal attention of n_q query rows (the last n_q of kv_len
   //    positions) for one head. Keys are position-major (row p at
   //    k + p * k_stride); values are dimension-major (element (p, d) at
-  //    v[d * v_stride + p]). work holds 64 + head_dim floats.
+  //    v[d * v_stride + p]). work holds kAttentionBlock + head_dim floats:
+  //    the scores of one block of positions, then the weighted value sum.
   virtual void attention_bf16(const bf16* q, size_t q_stride, const bf16* k, size_t k_stride, const bf16* v,
                               size_t v_stride, bf16* out, size_t out_stride, size_t n_q, size_t kv_len,
                               size_t head_dim, float* work) const = 0;

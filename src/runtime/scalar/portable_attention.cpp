@@ -1,7 +1,7 @@
 // Causal attention of one head, one query row at a time, with the softmax
 // kept stable by a running maximum (online softmax). Positions go in blocks
-// of 64 whose scores live in work[0..64); the weighted sum of value rows
-// lives in work[64..64 + head_dim).
+// of kAttentionBlock whose scores live at the start of work; the weighted
+// sum of value rows follows them.
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -13,7 +13,6 @@ namespace quorvel::kernels {
 
 namespace {
 
-constexpr size_t kBlock = 64;
 constexpr size_t kExpGroup = 4;
 
 // Where one query row reads its inputs and keeps its running state.
@@ -23,7 +22,7 @@ struct AttentionRow {
   const bf16* v;  // element (position p, dimension d) at v[d * v_stride + p]
   size_t v_stride;
   size_t head_dim;
-  float* scores;  // kBlock floats
+  float* scores;  // kAttentionBlock floats
   float* acc;     // head_dim floats
   float max = -std::numeric_limits<float>::infinity();
   float sum = 0.0f;
@@ -67,10 +66,10 @@ void PortableKernels::attention_bf16(const bf16* q, size_t q_stride, const bf16*
   for (size_t i = 0; i < n_q; ++i) {
     bf16* out_row = out + i * out_stride;
     const size_t visible = kv_len + i + 1 > n_q ? kv_len + i + 1 - n_q : 0;
-    AttentionRow row{k, k_stride, v, v_stride, head_dim, work, work + kBlock};
+    AttentionRow row{k, k_stride, v, v_stride, head_dim, work, work + kAttentionBlock};
     PortableKernels::fill_bytes(row.acc, 0, head_dim * sizeof(float));
-    for (size_t first = 0; first < visible; first += kBlock) {
-      const size_t count = std::min(kBlock, visible - first);
+    for (size_t first = 0; first < visible; first += kAttentionBlock) {
+      const size_t count = std::min(kAttentionBlock, visible - first);
       PortableKernels::dot_rows_bf16(k + first * k_stride, k_stride, q + i * q_stride, head_dim, 0, count,
                                      row.scores);
       float block_max = -std::numeric_limits<float>::infinity();
