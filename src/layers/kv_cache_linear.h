@@ -17,19 +17,12 @@
 #include <string>
 
 #include "layers/auto_bit_linear.h"
-#include "layers/auto_q1_58_linear.h"
-#include "layers/auto_q1_linear.h"
 #include "layers/auto_q8_0_linear.h"
+#include "layers/layer_name.h"
+#include "layers/packed_block_linear.h"
 #include "layers/transpose_copy.h"
 
 namespace quorvel::layers {
-
-// A class name as a template argument, for the overflow message.
-template <std::size_t N>
-struct LayerName {
-  constexpr LayerName(const char (&text)[N]) { std::copy_n(text, N, chars); }
-  char chars[N]{};
-};
 
 // The cache shared by both variants, on top of the format's linear layer
 // (whose payload is the whole of this layer's payload).

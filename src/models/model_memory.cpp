@@ -4,11 +4,10 @@
 #include <string>
 
 #include "layers/auto_bit_linear.h"
-#include "layers/auto_q1_58_linear.h"
-#include "layers/auto_q1_linear.h"
 #include "layers/auto_q8_0_linear.h"
 #include "layers/embedding.h"
 #include "layers/embedding_q1.h"
+#include "layers/packed_block_linear.h"
 #include "models/model_scratch.h"
 
 namespace quorvel {

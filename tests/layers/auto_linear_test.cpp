@@ -10,9 +10,8 @@
 
 #include "layer_test_support.h"
 #include "layers/auto_bit_linear.h"
-#include "layers/auto_q1_58_linear.h"
-#include "layers/auto_q1_linear.h"
 #include "layers/auto_q8_0_linear.h"
+#include "layers/packed_block_linear.h"
 #include "runtime/formats/q8_0.h"
 #include "runtime/kernel_base.h"
 

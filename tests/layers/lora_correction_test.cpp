@@ -17,10 +17,9 @@
 
 #include "layer_test_support.h"
 #include "layers/auto_bit_linear.h"
-#include "layers/auto_q1_58_linear.h"
-#include "layers/auto_q1_linear.h"
 #include "layers/auto_q8_0_linear.h"
 #include "layers/kv_cache_linear.h"
+#include "layers/packed_block_linear.h"
 
 namespace quorvel::layers {
 namespace {
