@@ -3,9 +3,8 @@
 #include "runtime/scalar/portable_kernels.h"
 
 #if defined(QUORVEL_X86_KERNELS)
-#include "runtime/x86/avx2_kernels.h"
-#include "runtime/x86/avx512_kernels.h"
 #include "runtime/x86/cpu_features_x86.h"
+#include "runtime/x86/x86_kernels.h"
 #endif
 #if defined(__aarch64__)
 #include <bit>

@@ -1,13 +1,14 @@
 // The gated activations of the feed-forward block and the bf16 add of the
 // residual stream, on a vector of any width (V: a lane vocabulary such as
 // avx2::F32x8). Each is elementwise, so a lane computes exactly the portable
-// expression for its element.
+// expression for its element. The kernel set's members are at the end.
 #pragma once
 
 #include <cstddef>
 
 #include "runtime/bf16.h"
 #include "runtime/x86/lane_loops.h"
+#include "runtime/x86/x86_kernels.h"
 #include "runtime/x86/poly_exp_lanes.h"
 
 namespace quorvel::kernels::x86::lanes {
@@ -43,3 +44,22 @@ void add(const bf16* src, bf16* dst, std::size_t n) {
 }
 
 }  // namespace quorvel::kernels::x86::lanes
+
+namespace quorvel::kernels::x86 {
+
+template <typename Isa>
+void X86Kernels<Isa>::relu2_mul_bf16(const bf16* gate, bf16* up, size_t rows, size_t dim) const {
+  lanes::relu2_mul<typename Isa::F32>(gate, up, rows * dim);
+}
+
+template <typename Isa>
+void X86Kernels<Isa>::silu_mul_bf16(const bf16* gate, bf16* up, size_t rows, size_t dim) const {
+  lanes::silu_mul<typename Isa::F32>(gate, up, rows * dim);
+}
+
+template <typename Isa>
+void X86Kernels<Isa>::add_bf16(const bf16* src, bf16* dst, size_t n) const {
+  lanes::add<typename Isa::F32>(src, dst, n);
+}
+
+}  // namespace quorvel::kernels::x86

@@ -9,7 +9,8 @@
 // A factor hands out runs of dequantized f32 values of one of its rows, up
 // to kLoraRun values starting at a multiple of kLoraRun (a whole number of
 // blocks and of q6_k super-blocks), the block formats through their own row
-// dequantizers, so that no block layout is restated here.
+// dequantizers, so that no block layout is restated here. The kernel set's
+// members, one factor type per storage format, are at the end.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +18,12 @@
 
 #include "runtime/bf16.h"
 #include "runtime/formats/i8_matrix.h"
+#include "runtime/formats/q4_0.h"
+#include "runtime/formats/q5_0.h"
+#include "runtime/formats/q6_k.h"
+#include "runtime/formats/q8_0.h"
 #include "runtime/x86/lane_loops.h"
+#include "runtime/x86/x86_kernels.h"
 
 namespace quorvel::kernels::x86::lanes {
 
@@ -120,3 +126,53 @@ void lora(const bf16* x, const void* a, const void* b, bf16* out, std::size_t n_
 }
 
 }  // namespace quorvel::kernels::x86::lanes
+
+namespace quorvel::kernels::x86 {
+
+// The factors of a format stored as rows of Block, in the trait's f32 lanes.
+template <typename Isa, typename Block, void (*Dequantize)(const Block*, std::size_t, float*)>
+using BlockLoraFactor = lanes::BlockFactor<typename Isa::F32, Block, Dequantize>;
+
+template <typename Isa>
+void X86Kernels<Isa>::lora_bf16(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens,
+                                size_t in_dim, size_t rank, size_t out_dim, float* work) const {
+  using Factor = lanes::Bf16Factor<typename Isa::F32>;
+  lanes::lora<typename Isa::F32, Factor>(x, a, b, out, n_tokens, in_dim, rank, out_dim, work);
+}
+
+template <typename Isa>
+void X86Kernels<Isa>::lora_i8(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens,
+                              size_t in_dim, size_t rank, size_t out_dim, float* work) const {
+  using Factor = lanes::I8Factor<typename Isa::F32>;
+  lanes::lora<typename Isa::F32, Factor>(x, a, b, out, n_tokens, in_dim, rank, out_dim, work);
+}
+
+template <typename Isa>
+void X86Kernels<Isa>::lora_q8_0(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens,
+                                size_t in_dim, size_t rank, size_t out_dim, float* work) const {
+  using Factor = BlockLoraFactor<Isa, formats::BlockQ8_0, formats::dequantize_row_q8_0>;
+  lanes::lora<typename Isa::F32, Factor>(x, a, b, out, n_tokens, in_dim, rank, out_dim, work);
+}
+
+template <typename Isa>
+void X86Kernels<Isa>::lora_q4_0(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens,
+                                size_t in_dim, size_t rank, size_t out_dim, float* work) const {
+  using Factor = BlockLoraFactor<Isa, formats::BlockQ4_0, formats::dequantize_row_q4_0>;
+  lanes::lora<typename Isa::F32, Factor>(x, a, b, out, n_tokens, in_dim, rank, out_dim, work);
+}
+
+template <typename Isa>
+void X86Kernels<Isa>::lora_q5_0(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens,
+                                size_t in_dim, size_t rank, size_t out_dim, float* work) const {
+  using Factor = BlockLoraFactor<Isa, formats::BlockQ5_0, formats::dequantize_row_q5_0>;
+  lanes::lora<typename Isa::F32, Factor>(x, a, b, out, n_tokens, in_dim, rank, out_dim, work);
+}
+
+template <typename Isa>
+void X86Kernels<Isa>::lora_q6_k(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens,
+                                size_t in_dim, size_t rank, size_t out_dim, float* work) const {
+  using Factor = BlockLoraFactor<Isa, formats::BlockQ6_K, formats::dequantize_row_q6_k>;
+  lanes::lora<typename Isa::F32, Factor>(x, a, b, out, n_tokens, in_dim, rank, out_dim, work);
+}
+
+}  // namespace quorvel::kernels::x86

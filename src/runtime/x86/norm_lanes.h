@@ -6,7 +6,9 @@
 // 128-bit accumulator, and the lanes merge as (l0 + l1) + (l2 + l3). That
 // chain cannot be split further without changing the result; what can be
 // gained is running the chains of several rows side by side. The scaling
-// step y = (x * inv) * w is elementwise and takes the full width.
+// step y = (x * inv) * w is elementwise and takes the full width. The kernel
+// set's members, alone and followed by the activation quantizer, are at the
+// end.
 #pragma once
 
 #include <cstddef>
@@ -14,6 +16,8 @@
 #include "runtime/bf16.h"
 #include "runtime/x86/intrinsics.h"
 #include "runtime/x86/lane_loops.h"
+#include "runtime/x86/quantize_lanes.h"
+#include "runtime/x86/x86_kernels.h"
 
 namespace quorvel::kernels::x86::lanes {
 
@@ -93,3 +97,23 @@ void rms_norm_rows(bf16* x, const bf16* weight, std::size_t rows, std::size_t di
 }
 
 }  // namespace quorvel::kernels::x86::lanes
+
+namespace quorvel::kernels::x86 {
+
+template <typename Isa>
+void X86Kernels<Isa>::rms_norm_bf16(bf16* x, const bf16* weight, size_t rows, size_t dim, float eps) const {
+  lanes::rms_norm_rows<typename Isa::F32>(x, weight, rows, dim, eps, [](size_t) {});
+}
+
+// Each row is quantized from its narrowed bf16 values as soon as it is
+// normalized, while it is still in cache: the same result as rms_norm_bf16
+// followed by quantize_rows_i8.
+template <typename Isa>
+void X86Kernels<Isa>::rms_norm_quantize_i8(bf16* x, const bf16* weight, std::int8_t* q, float* scales, size_t rows,
+                                           size_t dim, float eps) const {
+  lanes::rms_norm_rows<typename Isa::F32>(x, weight, rows, dim, eps, [&](size_t row) {
+    scales[row] = lanes::quantize_row_i8<typename Isa::F32>(x + row * dim, dim, q + row * dim);
+  });
+}
+
+}  // namespace quorvel::kernels::x86

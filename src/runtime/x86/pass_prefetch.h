@@ -5,6 +5,8 @@
 // each of its steps fetches an equal share of the bytes the next pass will
 // read, which lie just after the current pass's (the passes sweep the
 // weights forward). Prefetches past the end of a buffer are harmless hints.
+// Isa (the lane trait of the caller) only keeps each instruction set's copy
+// apart.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +14,7 @@
 
 namespace quorvel::kernels::x86 {
 
+template <typename Isa>
 class PassPrefetch {
  public:
   // The pass starting at `pass_start` reads `pass_bytes` bytes in `steps` steps.

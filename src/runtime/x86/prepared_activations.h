@@ -29,8 +29,6 @@ struct PreparedActivations {
   static constexpr std::size_t kPadding = 128;
   static constexpr std::size_t kMinBlockValues = 32;
 
-  static bool fits(std::size_t k) { return k <= kMaxValues; }
-
   alignas(64) std::int8_t codes[kMaxTokens][kMaxValues + kPadding];
   // Sum of block b of token t at block_sums[b * tokens + t]: the tokens of a
   // block sit together, so one broadcast serves every lane of a vector.

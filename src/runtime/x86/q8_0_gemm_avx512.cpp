@@ -6,12 +6,14 @@
 // block sums with no reduction. The transpose is shared by every token of the
 // pass, so this beats the reducing block engine once a call has several tokens.
 // The float steps per lane are the portable ones: acc = acc + d_b * (float)S_b.
+// It is the AVX-512 trait's transposed_q8_0_gemm, which q8_0_products.h
+// takes for gemm_q8_0 where the trait has one.
 #include <cstring>
 
 #include "runtime/formats/q8_0.h"
-#include "runtime/x86/avx512_kernels.h"
-#include "runtime/x86/avx512_lanes.h"
+#include "runtime/x86/avx512_isa.h"
 #include "runtime/x86/intrinsics.h"
+#include "runtime/x86/lane_passes.h"
 #include "runtime/x86/pass_prefetch.h"
 #include "runtime/x86/prepared_activations.h"
 
@@ -20,7 +22,8 @@ namespace {
 
 using formats::BlockQ8_0;
 constexpr std::size_t kBlockBytes = sizeof(BlockQ8_0);
-constexpr std::size_t kRows = avx512::kLanes;
+using avx512::Isa;
+constexpr std::size_t kRows = Isa::kLanes;
 
 // After the transpose lane l holds row kLaneRow[l] (rows 0-3, 8-11, 4-7, 12-15).
 constexpr int kLaneRow[kRows] = {0, 1, 2, 3, 8, 9, 10, 11, 4, 5, 6, 7, 12, 13, 14, 15};
@@ -77,7 +80,7 @@ void transposed_pass(const std::uint8_t* w, std::size_t row_bytes, std::size_t f
     scale_offsets[l] = static_cast<std::int32_t>(row[kLaneRow[l]] - row[0]);
   }
   const __m512i scale_index = _mm512_load_si512(scale_offsets);
-  const PassPrefetch prefetch(row[0], kRows * row_bytes, x.blocks);
+  const PassPrefetch<Isa> prefetch(row[0], kRows * row_bytes, x.blocks);
   __m512 acc[kTokens];
 #pragma GCC unroll 4
   for (int t = 0; t < kTokens; ++t) acc[t] = _mm512_setzero_ps();
@@ -99,8 +102,7 @@ void transposed_pass(const std::uint8_t* w, std::size_t row_bytes, std::size_t f
 #pragma GCC unroll 4
   for (int t = 0; t < kTokens; ++t) {
     const __m512 values = _mm512_mul_ps(acc[t], _mm512_set1_ps(x.scales[t]));
-    avx512::store_lanes<1>(_mm512_permutexvar_ps(to_rows, values), out + static_cast<std::size_t>(t) * out_stride,
-                           0, n);
+    store_lanes<Isa, 1>(_mm512_permutexvar_ps(to_rows, values), out + static_cast<std::size_t>(t) * out_stride, 0, n);
   }
 }
 
@@ -114,11 +116,11 @@ void transposed_rows(const std::uint8_t* w, std::size_t rows, std::size_t row_by
 
 }  // namespace
 
-void Avx512Kernels::gemm_q8_0(const void* w, const std::int8_t* x, const float* x_scales, bf16* out,
-                              size_t out_stride, size_t n_tokens, size_t rows, size_t k) const {
-  if (!PreparedActivations::fits(k)) return PortableKernels::gemm_q8_0(w, x, x_scales, out, out_stride, n_tokens, rows, k);
+void avx512::Isa::transposed_q8_0_gemm(const void* w, const std::int8_t* x, const float* x_scales, bf16* out,
+                                       std::size_t out_stride, std::size_t n_tokens, std::size_t rows,
+                                       std::size_t k) {
   const auto* weights = static_cast<const std::uint8_t*>(w);
-  const std::size_t row_bytes = formats::q8_0_blocks_per_row(k) * kBlockBytes;
+  const std::size_t row_bytes = (k + BlockQ8_0::kValues - 1) / BlockQ8_0::kValues * kBlockBytes;
   PreparedActivations prepared;
   token_passes(n_tokens, [&](std::size_t t, std::size_t tokens) {
     prepare_activations(prepared, x + t * k, x_scales + t, tokens, k, BlockQ8_0::kValues, CodeOrder::natural);

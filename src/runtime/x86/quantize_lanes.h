@@ -2,7 +2,8 @@
 // vocabulary such as avx2::F32x8): the activation quantizer (int8 codes and
 // one scale per row) and the q8_0 block quantizer. Each code is one lane's
 // own float steps, so only the largest magnitude is gathered across lanes,
-// and a maximum does not depend on the order it is taken in.
+// and a maximum does not depend on the order it is taken in. The kernel set's
+// members are at the end.
 #pragma once
 
 #include <cstddef>
@@ -11,6 +12,7 @@
 #include "runtime/bf16.h"
 #include "runtime/formats/q8_0.h"
 #include "runtime/x86/lane_loops.h"
+#include "runtime/x86/x86_kernels.h"
 
 namespace quorvel::kernels::x86::lanes {
 
@@ -85,3 +87,17 @@ void quantize_rows_q8_0(const bf16* x, std::size_t rows, std::size_t cols, void*
 }
 
 }  // namespace quorvel::kernels::x86::lanes
+
+namespace quorvel::kernels::x86 {
+
+template <typename Isa>
+void X86Kernels<Isa>::quantize_rows_i8(const bf16* x, std::int8_t* q, float* scales, size_t rows, size_t dim) const {
+  lanes::quantize_rows_i8<typename Isa::F32>(x, q, scales, rows, dim);
+}
+
+template <typename Isa>
+void X86Kernels<Isa>::quantize_rows_q8_0(const bf16* x, size_t rows, size_t cols, void* out) const {
+  lanes::quantize_rows_q8_0<typename Isa::F32>(x, rows, cols, out);
+}
+
+}  // namespace quorvel::kernels::x86

@@ -2,13 +2,15 @@
 // turns with element i + dim / 2, lane by lane in the portable order:
 //   x[i + h] = fma(a, sin[i + h], b * cos[i + h])
 //   x[i]     = fma(-b, sin[i], a * cos[i])
-// Both halves are loaded before either is stored.
+// Both halves are loaded before either is stored. The kernel set's rope_bf16
+// is the member at the end.
 #pragma once
 
 #include <cstddef>
 
 #include "runtime/bf16.h"
 #include "runtime/x86/lane_loops.h"
+#include "runtime/x86/x86_kernels.h"
 
 namespace quorvel::kernels::x86::lanes {
 
@@ -33,3 +35,13 @@ void rope(bf16* x, const float* cos, const float* sin, std::size_t rows, std::si
 }
 
 }  // namespace quorvel::kernels::x86::lanes
+
+namespace quorvel::kernels::x86 {
+
+template <typename Isa>
+void X86Kernels<Isa>::rope_bf16(bf16* x, const float* cos, const float* sin, size_t rows, size_t x_stride,
+                                size_t dim) const {
+  lanes::rope<typename Isa::F32>(x, cos, sin, rows, x_stride, dim);
+}
+
+}  // namespace quorvel::kernels::x86

@@ -1,25 +1,36 @@
-// The x86-64 kernel set for processors with AVX2 + FMA + F16C.
+// The x86-64 kernel sets, declared once for every instruction set: a
+// kernel set is X86Kernels<Isa> for a lane trait Isa (avx2::Isa in
+// avx2_isa.h, avx512::Isa in avx512_isa.h).
 //
 // It derives from the portable set and overrides the operations it makes
 // faster; every override gives the portable set's results bit for bit. Each
-// family of overrides lives in its own file named after the instruction set
-// (e.g. q1_0_products_avx2.cpp), compiled with that set's flags; this header
-// only declares them, so a new family joins by adding its declarations here
-// and its file beside the others. The accessor constructs this set only on a
-// processor that runs it; nothing below re-checks.
+// family of overrides is a generic driver in its own header (e.g.
+// q1_0_products.h), written against the trait; the set's translation unit
+// (x86_kernels_avx2.cpp, x86_kernels_avx512.cpp), compiled with that
+// instruction set's flags, includes them all and instantiates the class
+// there. The explicit instantiation declarations below keep every other
+// translation unit from compiling any member, the vtable included. The
+// accessor constructs a set only on a processor that runs it; nothing below
+// re-checks.
 #pragma once
 
 #include "runtime/scalar/portable_kernels.h"
 
 namespace quorvel::kernels::x86 {
 
-class Avx2Kernels : public PortableKernels {
+namespace avx2 {
+struct Isa;
+}
+namespace avx512 {
+struct Isa;
+}
+
+template <typename Isa>
+class X86Kernels : public PortableKernels {
  public:
-  // Declared first and defined out of line, so that the class's vtable is
-  // emitted with avx2_kernels.cpp (built without extra instruction-set flags).
   const char* name() const override;
 
-  // Weight products (ternary, q1_0_128, q1.58, q8_0).
+  // Weight products (ternary_products.h, q1_0_products.h, q1_58_products.h, q8_0_products.h).
   void gemm_ternary(double gamma, const std::uint8_t* w, const std::int8_t* x, const float* x_scales, bf16* out,
                     size_t out_stride, size_t n_tokens, size_t rows, size_t k) const override;
   void gemv_ternary(const std::uint8_t* w, const std::int8_t* x, std::int32_t x_sum, bf16* out, size_t rows,
@@ -41,7 +52,7 @@ class Avx2Kernels : public PortableKernels {
   void gemv_q8_0(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,
                  size_t k) const override;
 
-  // Unembedding (logits) products.
+  // Unembedding (logits) products (i8_products.h, q8_0_products.h, nibble_logits.h).
   void gemv_i8_f32(const std::int8_t* w, const float* row_scales, const std::int8_t* x, float x_scale, float* out,
                    size_t rows, size_t k) const override;
   void gemv_q8_0_f32(const void* w, const std::int8_t* x, float x_scale, float* out, size_t rows,
@@ -52,7 +63,7 @@ class Avx2Kernels : public PortableKernels {
                      size_t k) const override;
 
   // Norms, quantizers, rotary embedding, gates and the residual add
-  // (norms_avx2.cpp, quantize_avx2.cpp, rope_avx2.cpp, gates_avx2.cpp).
+  // (norm_lanes.h, quantize_lanes.h, rope_lanes.h, gate_lanes.h).
   void rope_bf16(bf16* x, const float* cos, const float* sin, size_t rows, size_t x_stride,
                  size_t dim) const override;
   void rms_norm_bf16(bf16* x, const bf16* weight, size_t rows, size_t dim, float eps) const override;
@@ -64,18 +75,18 @@ class Avx2Kernels : public PortableKernels {
   void silu_mul_bf16(const bf16* gate, bf16* up, size_t rows, size_t dim) const override;
   void add_bf16(const bf16* src, bf16* dst, size_t n) const override;
 
-  // Attention and the bf16 row dot product (attention_avx2.cpp).
+  // Attention and the bf16 row dot product (attention.h).
   void attention_bf16(const bf16* q, size_t q_stride, const bf16* k, size_t k_stride, const bf16* v,
                       size_t v_stride, bf16* out, size_t out_stride, size_t n_q, size_t kv_len, size_t head_dim,
                       float* work) const override;
   void dot_rows_bf16(const bf16* rows, size_t row_stride, const bf16* vec, size_t dim, size_t first, size_t count,
                      float* out) const override;
 
-  // Embedding lookups of the q1 formats (dequantize_q1_avx2.cpp).
+  // Embedding lookups of the q1 formats (dequantize_q1.h).
   void dequantize_q1_0_bf16(const void* blocks, size_t n, bf16* out) const override;
   void dequantize_q1_58_bf16(const void* blocks, size_t n, bf16* out) const override;
 
-  // LoRA side products (lora_avx2.cpp).
+  // LoRA side products (lora_lanes.h).
   void lora_bf16(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens, size_t in_dim,
                  size_t rank, size_t out_dim, float* work) const override;
   void lora_q8_0(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens, size_t in_dim,
@@ -89,5 +100,16 @@ class Avx2Kernels : public PortableKernels {
   void lora_q6_k(const bf16* x, const void* a, const void* b, bf16* out, size_t n_tokens, size_t in_dim,
                  size_t rank, size_t out_dim, float* work) const override;
 };
+
+template <typename Isa>
+const char* X86Kernels<Isa>::name() const {
+  return Isa::kName;
+}
+
+using Avx2Kernels = X86Kernels<avx2::Isa>;
+using Avx512Kernels = X86Kernels<avx512::Isa>;
+
+extern template class X86Kernels<avx2::Isa>;
+extern template class X86Kernels<avx512::Isa>;
 
 }  // namespace quorvel::kernels::x86

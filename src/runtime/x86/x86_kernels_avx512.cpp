@@ -1,0 +1,11 @@
+// The AVX-512 kernel set: every family of overrides instantiated with the
+// AVX-512 lane trait, here alone (this file is compiled with the AVX-512
+// F/BW/VL/VNNI flags); the transposed q8_0 engine is q8_0_gemm_avx512.cpp.
+#include "runtime/x86/avx512_isa.h"
+#include "runtime/x86/x86_kernel_families.h"
+
+namespace quorvel::kernels::x86 {
+
+template class X86Kernels<avx512::Isa>;
+
+}  // namespace quorvel::kernels::x86
