@@ -166,7 +166,9 @@ struct Isa {
   }
   // All lanes to a vector-aligned array, bf16 by the nearest-even rule.
   static void store_aligned(float* p, Floats v) { _mm256_store_ps(p, v); }
-  static void store_aligned(bf16* p, Floats v) { _mm_store_si128(reinterpret_cast<__m128i*>(p), narrow_nearest_even(v)); }
+  static void store_aligned(bf16* p, Floats v) {
+    _mm_store_si128(reinterpret_cast<__m128i*>(p), narrow_nearest_even(v));
+  }
 
   // Lane l = values[l % kTokens], for per-token values laid out token after token.
   template <int kTokens>

@@ -201,7 +201,9 @@ struct Isa {
       __builtin_memcpy(&pair, values, sizeof pair);
       return _mm512_set1_epi64(pair);
     }
-    if constexpr (kTokens == 4) return _mm512_broadcast_i32x4(_mm_loadu_si128(reinterpret_cast<const __m128i*>(values)));
+    if constexpr (kTokens == 4) {
+      return _mm512_broadcast_i32x4(_mm_loadu_si128(reinterpret_cast<const __m128i*>(values)));
+    }
   }
   template <int kTokens>
   [[gnu::always_inline]] static Floats broadcast_tokens(const float* values) {
@@ -262,7 +264,9 @@ struct Isa {
   // a's 128-bit lanes picked by (i0, i1) then b's by (i2, i3).
   template <int kSelect>
   [[gnu::always_inline]] static Ints lanes_of(Ints a, Ints b) { return _mm512_shuffle_i64x2(a, b, kSelect); }
-  static __m256i load_positions(const bf16* p, std::size_t n) { return _mm256_maskz_loadu_epi16(F32::lanes_below(n), p); }
+  static __m256i load_positions(const bf16* p, std::size_t n) {
+    return _mm256_maskz_loadu_epi16(F32::lanes_below(n), p);
+  }
 };
 
 }  // namespace quorvel::kernels::x86::avx512

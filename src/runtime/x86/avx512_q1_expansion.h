@@ -49,7 +49,9 @@ struct Q1Expansion {
   }
 
  private:
-  static float block_scale(bf16 scale) { return __builtin_bit_cast(float, static_cast<std::uint32_t>(scale.bits) << 16); }
+  static float block_scale(bf16 scale) {
+    return __builtin_bit_cast(float, static_cast<std::uint32_t>(scale.bits) << 16);
+  }
 };
 
 }  // namespace quorvel::kernels::x86::avx512

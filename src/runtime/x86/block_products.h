@@ -53,7 +53,9 @@ template <typename Isa, typename Format>
 [[gnu::always_inline]] inline typename Isa::Floats block_scales(const std::uint8_t* column,
                                                                 typename Isa::Ints scale_offsets) {
   const auto words = Isa::gather_words(column, scale_offsets);
-  if constexpr (Format::kBf16Scale) return Isa::as_floats(Isa::template shift_left<16>(Isa::template shift_right<16>(words)));
+  if constexpr (Format::kBf16Scale) {
+    return Isa::as_floats(Isa::template shift_left<16>(Isa::template shift_right<16>(words)));
+  }
   return Isa::as_floats(words);
 }
 

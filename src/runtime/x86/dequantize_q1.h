@@ -16,7 +16,8 @@ namespace {
 template <typename Isa, typename Block, void (*kExpand)(const Block&, bf16*)>
 void expand_blocks(const void* blocks, std::size_t n, bf16* out) {
   const auto* block = static_cast<const Block*>(blocks);
-  for (std::size_t b = 0; b < (n + Block::kValues - 1) / Block::kValues; ++b) kExpand(block[b], out + Block::kValues * b);
+  const std::size_t count = (n + Block::kValues - 1) / Block::kValues;
+  for (std::size_t b = 0; b < count; ++b) kExpand(block[b], out + Block::kValues * b);
 }
 
 }  // namespace

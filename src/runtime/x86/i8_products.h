@@ -36,7 +36,8 @@ void i8_pass_sums(const std::int8_t* tiles, std::size_t first, const std::int8_t
     const auto xv = Isa::load_in_every_piece(x + c);
     #pragma GCC unroll 16
     for (int i = 0; i < Isa::kLanes; ++i) {
-      acc[i] = Isa::dot_signed(acc[i], Isa::signed_codes(Isa::loadu(tiles + first * kI8Tile + i * Isa::kVectorBytes)), xv);
+      const auto codes = Isa::loadu(tiles + first * kI8Tile + i * Isa::kVectorBytes);
+      acc[i] = Isa::dot_signed(acc[i], Isa::signed_codes(codes), xv);
     }
   }
   Isa::row_sums(acc, sums);

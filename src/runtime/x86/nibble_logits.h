@@ -11,6 +11,7 @@
 #include "runtime/formats/q4_0.h"
 #include "runtime/formats/q5_0.h"
 #include "runtime/x86/block_products.h"
+#include "runtime/x86/intrinsics.h"
 #include "runtime/x86/x86_kernels.h"
 
 namespace quorvel::kernels::x86 {

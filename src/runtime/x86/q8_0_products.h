@@ -13,6 +13,7 @@
 
 #include "runtime/formats/q8_0.h"
 #include "runtime/x86/block_products.h"
+#include "runtime/x86/intrinsics.h"
 #include "runtime/x86/x86_kernels.h"
 
 namespace quorvel::kernels::x86 {
@@ -32,8 +33,9 @@ struct Q8_0Format {
 
   template <int kBlocks>
   [[gnu::always_inline]] static Weights expand(const std::uint8_t* block, std::size_t block_step) {
+    const std::uint8_t* codes = block + offsetof(formats::BlockQ8_0, q);
     return Isa::signed_codes(Isa::template join_parts<kBlocks>([&](std::size_t i) {
-      return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + i * block_step + offsetof(formats::BlockQ8_0, q)));
+      return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(codes + i * block_step));
     }));
   }
   [[gnu::always_inline]] static Ints dot(Ints acc, const Weights& w, const Ints* x) {
@@ -48,7 +50,9 @@ template <typename Isa>
 void X86Kernels<Isa>::gemm_q8_0(const void* w, const std::int8_t* x, const float* x_scales, bf16* out,
                                 size_t out_stride, size_t n_tokens, size_t rows, size_t k) const {
   if constexpr (Isa::kTransposedQ8_0Gemm) {
-    if (k <= PreparedActivations::kMaxValues) return Isa::transposed_q8_0_gemm(w, x, x_scales, out, out_stride, n_tokens, rows, k);
+    if (k <= PreparedActivations::kMaxValues) {
+      return Isa::transposed_q8_0_gemm(w, x, x_scales, out, out_stride, n_tokens, rows, k);
+    }
   } else {
     if (plain_products<Isa, Q8_0Format<Isa>>(w, x, x_scales, n_tokens, rows, k, out, out_stride)) return;
   }

@@ -70,7 +70,9 @@ void ternary_rows(const std::uint8_t* w, std::size_t rows, std::size_t k, const 
 template <typename Isa>
 void X86Kernels<Isa>::gemv_ternary(const std::uint8_t* w, const std::int8_t* x, std::int32_t x_sum, bf16* out,
                                    size_t rows, size_t k, float x_scale, double gamma) const {
-  if (k > PreparedActivations::kMaxValues) return PortableKernels::gemv_ternary(w, x, x_sum, out, rows, k, x_scale, gamma);
+  if (k > PreparedActivations::kMaxValues) {
+    return PortableKernels::gemv_ternary(w, x, x_sum, out, rows, k, x_scale, gamma);
+  }
   PreparedActivations prepared;
   prepare_activations(prepared, x, &x_scale, 1, k, formats::kTernaryGroup, CodeOrder::natural);
   prepared.row_sums[0] = x_sum;  // the caller's sum is the one the definition subtracts
