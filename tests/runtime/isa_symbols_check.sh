@@ -5,8 +5,11 @@
 # two translation units is one weak (COMDAT) symbol: the linker keeps one of
 # the copies, whichever it likes. If one copy was compiled with AVX-512 flags
 # and the other without, a processor without AVX-512 may end up running the
-# AVX-512 copy and die on an illegal instruction. So every weak symbol must be
-# defined by objects of one instruction set only.
+# AVX-512 copy and die on an illegal instruction. So every weak function must
+# be defined by objects of one instruction set only, and no strong function
+# may have a weak double in another set's objects. Weak data (nm type V or u:
+# vtables, type information, static locals) holds no instructions and may be
+# shared.
 #
 # An object's instruction set is the suffix of its source file, the rule the
 # top-level CMakeLists.txt applies its flags by: name_avx512.cpp.o is built
@@ -44,7 +47,7 @@ report=$(nm -A --defined-only "$@" | awk -v suffixes="$suffixes" '
     set = isa(object)
     present[set] = 1
   }
-  $2 ~ /^[WVu]$/ {
+  $2 == "W" || $2 == "T" {
     if (!((($3) SUBSEP set) in seen)) {
       seen[$3, set] = 1
       sets[$3] = sets[$3] " " set
@@ -67,10 +70,10 @@ report=$(nm -A --defined-only "$@" | awk -v suffixes="$suffixes" '
       }
     }
     if (offenders > 0) {
-      print offenders " weak symbol(s) defined by objects of different instruction sets"
+      print offenders " weak function(s) defined by objects of different instruction sets"
       exit 1
     }
-    print "no weak symbol shared across instruction sets (" suffixes ", plain)"
+    print "no weak function shared across instruction sets (" suffixes ", plain)"
   }') && status=0 || status=$?
 if command -v c++filt >/dev/null; then
   c++filt <<<"$report"
