@@ -3,7 +3,7 @@
 // and the sign masks of a q1_0_128 block, each in weight order, and the
 // reduction of four rows' 32-bit lanes to one total per row.
 //
-// This header is also compiled into the dot-product files (ARMv8.2-A). Its
+// This header is also compiled into the dot-product file (ARMv8.2-A). Its
 // functions are forced inline so that no out-of-line copy exists that the
 // linker could pick from there for a processor without those instructions.
 #pragma once
