@@ -109,14 +109,12 @@ struct F32x8 {
   // Widened elements 0-3 and 4-7 of each quarter's eight bf16.
   static Reg first_four(Ints v) { return _mm256_castsi256_ps(_mm256_unpacklo_epi16(_mm256_setzero_si256(), v)); }
   static Reg second_four(Ints v) { return _mm256_castsi256_ps(_mm256_unpackhi_epi16(_mm256_setzero_si256(), v)); }
-  // Lane 4 * j + m of the result = ((l0 + l1) + l2) + l3 of quarter j of a[m].
-  static Reg merge_lanes(const Reg (&a)[4]) {
-    const Reg low01 = _mm256_unpacklo_ps(a[0], a[1]), low23 = _mm256_unpacklo_ps(a[2], a[3]);
-    const Reg high01 = _mm256_unpackhi_ps(a[0], a[1]), high23 = _mm256_unpackhi_ps(a[2], a[3]);
-    const Reg l0 = _mm256_shuffle_ps(low01, low23, 0x44), l1 = _mm256_shuffle_ps(low01, low23, 0xEE);
-    const Reg l2 = _mm256_shuffle_ps(high01, high23, 0x44), l3 = _mm256_shuffle_ps(high01, high23, 0xEE);
-    return ((l0 + l1) + l2) + l3;
-  }
+  // Within each quarter: lanes 0, 1 of a and b interleaved (low), or lanes
+  // 2, 3 (high); two of a's lanes then two of b's, picked by kSelect.
+  static Reg interleave_low(Reg a, Reg b) { return _mm256_unpacklo_ps(a, b); }
+  static Reg interleave_high(Reg a, Reg b) { return _mm256_unpackhi_ps(a, b); }
+  template <int kSelect>
+  static Reg pick(Reg a, Reg b) { return _mm256_shuffle_ps(a, b, kSelect); }
 
  private:
   static __m256i lanes_below(std::size_t n) {

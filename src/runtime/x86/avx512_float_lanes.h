@@ -78,13 +78,10 @@ struct F32x16 {
   static Ints broadcast_eight(const bf16* p) { return _mm512_broadcast_i32x4(load_eight(p)); }
   static Reg first_four(Ints v) { return _mm512_castsi512_ps(_mm512_unpacklo_epi16(_mm512_setzero_si512(), v)); }
   static Reg second_four(Ints v) { return _mm512_castsi512_ps(_mm512_unpackhi_epi16(_mm512_setzero_si512(), v)); }
-  static Reg merge_lanes(const Reg (&a)[4]) {
-    const Reg low01 = _mm512_unpacklo_ps(a[0], a[1]), low23 = _mm512_unpacklo_ps(a[2], a[3]);
-    const Reg high01 = _mm512_unpackhi_ps(a[0], a[1]), high23 = _mm512_unpackhi_ps(a[2], a[3]);
-    const Reg l0 = _mm512_shuffle_ps(low01, low23, 0x44), l1 = _mm512_shuffle_ps(low01, low23, 0xEE);
-    const Reg l2 = _mm512_shuffle_ps(high01, high23, 0x44), l3 = _mm512_shuffle_ps(high01, high23, 0xEE);
-    return ((l0 + l1) + l2) + l3;
-  }
+  static Reg interleave_low(Reg a, Reg b) { return _mm512_unpacklo_ps(a, b); }
+  static Reg interleave_high(Reg a, Reg b) { return _mm512_unpackhi_ps(a, b); }
+  template <int kSelect>
+  static Reg pick(Reg a, Reg b) { return _mm512_shuffle_ps(a, b, kSelect); }
 
  private:
   static __m128i load_eight(const bf16* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }

@@ -27,6 +27,16 @@ void dot_eight_elements(const bf16* const* row, std::size_t i, const bf16* vec, 
   }
 }
 
+// Lane 4 * j + m of the result = ((l0 + l1) + l2) + l3 of quarter j of a[m].
+template <typename V>
+typename V::Reg merge_lanes(const typename V::Reg (&a)[4]) {
+  const auto low01 = V::interleave_low(a[0], a[1]), low23 = V::interleave_low(a[2], a[3]);
+  const auto high01 = V::interleave_high(a[0], a[1]), high23 = V::interleave_high(a[2], a[3]);
+  const auto l0 = V::template pick<0x44>(low01, low23), l1 = V::template pick<0xEE>(low01, low23);
+  const auto l2 = V::template pick<0x44>(high01, high23), l3 = V::template pick<0xEE>(high01, high23);
+  return ((l0 + l1) + l2) + l3;
+}
+
 // out[r] = dot(row[r], vec) for r < n_out of a group of 4 * kQuarters rows
 // (rows past n_out repeat a valid one). A short last step pads rows and vec
 // with zeros: a lane never holds -0 (it starts at +0, and an exact zero sum
@@ -46,7 +56,7 @@ void dot_row_group(const bf16* const* row, const bf16* vec, std::size_t dim, flo
     }
     dot_eight_elements<V>(padded_row, 0, padded[kRows], acc);
   }
-  const auto dots = V::merge_lanes(acc);
+  const auto dots = merge_lanes<V>(acc);
   if (n_out == kRows) {
     V::store(out, dots);
   } else {
