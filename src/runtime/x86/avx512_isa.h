@@ -65,26 +65,19 @@ struct Isa {
 
   // Lane i of the result = the sum of the sixteen 32-bit lanes of v[i].
   [[gnu::always_inline]] static Ints sum_lanes(const Ints (&v)[kLanes]) {
-    __m512i q[4];
-    sum_within_128(v, q);
-    const __m512i h0 = _mm512_add_epi32(lanes_of<_MM_SHUFFLE(1, 0, 1, 0)>(q[0], q[1]),
-                                        lanes_of<_MM_SHUFFLE(3, 2, 3, 2)>(q[0], q[1]));
-    const __m512i h1 = _mm512_add_epi32(lanes_of<_MM_SHUFFLE(1, 0, 1, 0)>(q[2], q[3]),
-                                        lanes_of<_MM_SHUFFLE(3, 2, 3, 2)>(q[2], q[3]));
-    return _mm512_add_epi32(lanes_of<_MM_SHUFFLE(2, 0, 2, 0)>(h0, h1), lanes_of<_MM_SHUFFLE(3, 1, 3, 1)>(h0, h1));
+    Ints h[2];
+    sum_within_256<_MM_SHUFFLE(1, 0, 1, 0), _MM_SHUFFLE(3, 2, 3, 2)>(v, h);
+    return _mm512_add_epi32(lanes_of<_MM_SHUFFLE(2, 0, 2, 0)>(h[0], h[1]),
+                            lanes_of<_MM_SHUFFLE(3, 1, 3, 1)>(h[0], h[1]));
   }
 
   // Lane i of `low` = the sum of the low eight 32-bit lanes of v[i]; of
   // `high`, of its high eight (for vectors that carry two blocks or two rows).
   [[gnu::always_inline]] static void sum_halves(const Ints (&v)[kLanes], Ints& low, Ints& high) {
-    __m512i q[4];
-    sum_within_128(v, q);
-    const __m512i h0 = _mm512_add_epi32(lanes_of<_MM_SHUFFLE(2, 0, 2, 0)>(q[0], q[1]),
-                                        lanes_of<_MM_SHUFFLE(3, 1, 3, 1)>(q[0], q[1]));
-    const __m512i h1 = _mm512_add_epi32(lanes_of<_MM_SHUFFLE(2, 0, 2, 0)>(q[2], q[3]),
-                                        lanes_of<_MM_SHUFFLE(3, 1, 3, 1)>(q[2], q[3]));
-    low = lanes_of<_MM_SHUFFLE(2, 0, 2, 0)>(h0, h1);
-    high = lanes_of<_MM_SHUFFLE(3, 1, 3, 1)>(h0, h1);
+    Ints h[2];
+    sum_within_256<_MM_SHUFFLE(2, 0, 2, 0), _MM_SHUFFLE(3, 1, 3, 1)>(v, h);
+    low = lanes_of<_MM_SHUFFLE(2, 0, 2, 0)>(h[0], h[1]);
+    high = lanes_of<_MM_SHUFFLE(3, 1, 3, 1)>(h[0], h[1]);
   }
 
   // acc + the dot sums of four unsigned bytes of w[i] with four signed bytes
@@ -259,6 +252,17 @@ struct Isa {
     for (int i = 0; i < 4; ++i) {
       quads[i] = _mm512_add_epi32(_mm512_unpacklo_epi64(pairs[2 * i], pairs[2 * i + 1]),
                                   _mm512_unpackhi_epi64(pairs[2 * i], pairs[2 * i + 1]));
+    }
+  }
+  // The third level: each pair of quads[] added across 128-bit lanes, the
+  // lanes paired up by the two selections of lanes_of.
+  template <int kFirst, int kSecond>
+  [[gnu::always_inline]] static void sum_within_256(const Ints (&v)[kLanes], Ints (&halves)[2]) {
+    Ints q[4];
+    sum_within_128(v, q);
+    #pragma GCC unroll 2
+    for (int i = 0; i < 2; ++i) {
+      halves[i] = _mm512_add_epi32(lanes_of<kFirst>(q[2 * i], q[2 * i + 1]), lanes_of<kSecond>(q[2 * i], q[2 * i + 1]));
     }
   }
   // a's 128-bit lanes picked by (i0, i1) then b's by (i2, i3).
