@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# No code compiled for one instruction set may stand in for code of another.
+# No code compiled for one instruction set may run where another was chosen.
 #
 # An inline function, or a template instantiated with the same arguments, in
 # two translation units is one weak (COMDAT) symbol: the linker keeps one of
@@ -11,13 +11,18 @@
 # vtables, type information, static locals) holds no instructions and may be
 # shared.
 #
+# Nor may an object built with a set's flags run code at start-up (an
+# .init_array or .ctors section): its dynamic initializers would run on every
+# processor, before any set is chosen. The constructors that the sanitizers
+# add to every instrumented object (.init_array.00099) are theirs, not ours.
+#
 # An object's instruction set is the suffix of its source file, the rule the
 # top-level CMakeLists.txt applies its flags by: name_avx512.cpp.o is built
 # with that set's flags, an object with no listed suffix with none.
 #
 # Usage: isa_symbols_check.sh "SUFFIX..." ARCHIVE_OR_OBJECT...
 #   e.g. isa_symbols_check.sh "avx2 avx512" libquorvel_runtime.a libquorvel_layers.a
-# Prints every shared symbol (demangled) with the objects that define it, and
+# Prints every offender (symbols demangled) with the objects concerned, and
 # exits 1 when there is one.
 set -euo pipefail
 
@@ -28,9 +33,17 @@ fi
 suffixes=$1
 shift
 
-# nm -A prints "file:address type name" for an object and
-# "archive:member:address type name" for an archive member.
-report=$(nm -A --defined-only "$@" | awk -v suffixes="$suffixes" '
+# Lines "S object type name" from nm -A ("file:address type name", or
+# "archive:member:address type name" for an archive member) and
+# "H object section" from objdump -h.
+listing() {
+  nm -A --defined-only "$@" | awk '{ object = $1; sub(/:[0-9a-fA-F]*$/, "", object); print "S", object, $2, $3 }'
+  objdump -h "$@" | awk '
+    / file format / { object = $1; sub(/:$/, "", object) }
+    $1 ~ /^[0-9]+$/ && NF >= 7 { print "H", object, $2 }'
+}
+
+report=$(listing "$@" | awk -v suffixes="$suffixes" '
   BEGIN {
     n = split(suffixes, list, " ")
     for (i = 1; i <= n; ++i) isa_of["_" list[i] ".cpp.o"] = list[i]
@@ -41,19 +54,17 @@ report=$(nm -A --defined-only "$@" | awk -v suffixes="$suffixes" '
     }
     return "plain"
   }
-  {
-    object = $1
-    sub(/:[0-9a-fA-F]*$/, "", object)
-    set = isa(object)
-    present[set] = 1
-  }
-  $2 == "W" || $2 == "T" {
-    if (!((($3) SUBSEP set) in seen)) {
-      seen[$3, set] = 1
-      sets[$3] = sets[$3] " " set
-      count[$3]++
+  { set = isa($2); present[set] = 1 }
+  $1 == "S" && ($3 == "W" || $3 == "T") {
+    if (!(($4 SUBSEP set) in seen)) {
+      seen[$4, set] = 1
+      sets[$4] = sets[$4] " " set
+      count[$4]++
     }
-    where[$3] = where[$3] "\n    " object " (" set ")"
+    where[$4] = where[$4] "\n    " $2 " (" set ")"
+  }
+  $1 == "H" && set != "plain" && $3 ~ /^\.(init_array|ctors)/ && $3 != ".init_array.00099" {
+    startup[$2] = set " object runs code at start-up (" $3 "): " $2
   }
   END {
     for (i = 1; i <= n; ++i) {
@@ -69,11 +80,15 @@ report=$(nm -A --defined-only "$@" | awk -v suffixes="$suffixes" '
         ++offenders
       }
     }
+    for (object in startup) {
+      print startup[object]
+      ++offenders
+    }
     if (offenders > 0) {
-      print offenders " weak function(s) defined by objects of different instruction sets"
+      print offenders " offender(s): code of one instruction set that may run where another was chosen"
       exit 1
     }
-    print "no weak function shared across instruction sets (" suffixes ", plain)"
+    print "no weak function shared across instruction sets (" suffixes ", plain), no start-up code in theirs"
   }') && status=0 || status=$?
 if command -v c++filt >/dev/null; then
   c++filt <<<"$report"
