@@ -28,6 +28,11 @@ struct Isa;
 template <typename Isa>
 class X86Kernels : public PortableKernels {
  public:
+  // Defined in x86_kernels.cpp, built without instruction-set flags, so that
+  // the base classes' inline destructors are compiled there and never in a
+  // set's own translation unit.
+  ~X86Kernels() override;
+
   const char* name() const override;
 
   // Weight products (ternary_products.h, q1_0_products.h, q1_58_products.h, q8_0_products.h).
