@@ -80,7 +80,8 @@ demo:
 # "neon-dotprod" kernel set) and once as a Cortex-A53 without it ("neon"),
 # the two side by side. It runs the kernel conformance suites and the
 # end-to-end engine tests; those start the engine through qemu as well, so
-# the whole engine runs with each set.
+# the whole engine runs with each set. First it checks that no function
+# compiled with the dot-product flags can stand in for baseline code.
 ARM_BUILD ?= build-arm
 ARM_TESTS := $(sort $(basename $(notdir $(wildcard tests/runtime/kernel_conformance_*_test.cpp tests/e2e/*_test.cpp))))
 ARM_SET_max := neon-dotprod
@@ -91,6 +92,8 @@ test-arm:
 	cmake -S . -B $(ARM_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake
 	cmake --build $(ARM_BUILD) -j $(JOBS) --target $(ARM_TESTS)
+	NM=aarch64-linux-gnu-nm OBJDUMP=aarch64-linux-gnu-objdump tests/runtime/isa_symbols_check.sh dotprod \
+	  $(addprefix $(ARM_BUILD)/libquorvel_,runtime.a io.a sampling.a layers.a models.a engine.a)
 	$(MAKE) --no-print-directory --output-sync=target -j 2 test-arm-cpu-max test-arm-cpu-cortex-a53
 
 test-arm-cpu-%:

@@ -23,7 +23,8 @@
 # Usage: isa_symbols_check.sh "SUFFIX..." ARCHIVE_OR_OBJECT...
 #   e.g. isa_symbols_check.sh "avx2 avx512" libquorvel_runtime.a libquorvel_layers.a
 # Prints every offender (symbols demangled) with the objects concerned, and
-# exits 1 when there is one.
+# exits 1 when there is one. NM and OBJDUMP name the target's tools in a
+# cross build (for example aarch64-linux-gnu-nm).
 set -euo pipefail
 
 if [ $# -lt 2 ]; then
@@ -37,8 +38,8 @@ shift
 # "archive:member:address type name" for an archive member) and
 # "H object section" from objdump -h.
 listing() {
-  nm -A --defined-only "$@" | awk '{ object = $1; sub(/:[0-9a-fA-F]*$/, "", object); print "S", object, $2, $3 }'
-  objdump -h "$@" | awk '
+  "${NM:-nm}" -A --defined-only "$@" | awk '{ object = $1; sub(/:[0-9a-fA-F]*$/, "", object); print "S", object, $2, $3 }'
+  "${OBJDUMP:-objdump}" -h "$@" | awk '
     / file format / { object = $1; sub(/:$/, "", object) }
     $1 ~ /^[0-9]+$/ && NF >= 7 { print "H", object, $2 }'
 }

@@ -2,9 +2,9 @@
 // portable set's float order kept exactly:
 // - a score is a dot product in four lanes (lane j takes elements j, j+4,
 //   ...; products rounded), merged ((l0 + l1) + l2) + l3, times 1/sqrt(D);
-// - positions go in blocks of 64 (scores in work[0..64), the weighted sum of
-//   value rows in work[64..64 + D)); the running maximum rises by the library
-//   exponential's correction;
+// - positions go in blocks of kAttentionBlock (scores at the start of work,
+//   the weighted sum of value rows after them); the running maximum rises by
+//   the library exponential's correction;
 // - weights e = exp(score - max): whole groups of four by the polynomial
 //   exponential (here four lanes at once), the rest of a block by the library
 //   exponential; then, position by position, s = s + e and
@@ -28,7 +28,6 @@ namespace quorvel::kernels::arm {
 namespace {
 
 constexpr size_t kLanes = 4;
-constexpr size_t kBlock = 64;
 constexpr float kNoMax = -std::numeric_limits<float>::infinity();
 
 float dot_bf16(const bf16* a, const bf16* b, size_t dim) {
@@ -129,10 +128,10 @@ void NEONKernels::attention_bf16(const bf16* q, size_t q_stride, const bf16* k, 
   const float scale = 1.0f / std::sqrt(static_cast<float>(head_dim));
   for (size_t i = 0; i < n_q; ++i) {
     const size_t visible = kv_len + i + 1 > n_q ? kv_len + i + 1 - n_q : 0;
-    AttentionRow row{v, v_stride, head_dim, work, work + kBlock};
+    AttentionRow row{v, v_stride, head_dim, work, work + kAttentionBlock};
     fill_bytes(row.acc, 0, head_dim * sizeof(float));
-    for (size_t first = 0; first < visible; first += kBlock) {
-      const size_t count = std::min(kBlock, visible - first);
+    for (size_t first = 0; first < visible; first += kAttentionBlock) {
+      const size_t count = std::min(kAttentionBlock, visible - first);
       float block_max = kNoMax;
       for (size_t p = 0; p < count; ++p) {
         row.weights[p] = dot_bf16(k + (first + p) * k_stride, q + i * q_stride, head_dim) * scale;

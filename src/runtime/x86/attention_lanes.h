@@ -1,7 +1,8 @@
 // Causal attention of one head on a vector of any width V (a lane
 // vocabulary such as avx2::F32x8), in the portable order step for step:
-// positions in blocks of 64 whose scores live in work[0..64), a running
-// maximum and sum, and the weighted sum of value rows in work[64..).
+// positions in blocks of kAttentionBlock whose scores live at the start of
+// work, a running maximum and sum, and the weighted sum of value rows after
+// the scores.
 //
 //   scores  four-lane dot products (dot_rows_lanes.h), times 1 / sqrt(D);
 //   rescale when the maximum rises: c = exp(old - new) by the library
@@ -21,13 +22,12 @@
 #include <cstddef>
 
 #include "runtime/bf16.h"
+#include "runtime/kernel_base.h"
 #include "runtime/x86/dot_rows_lanes.h"
 #include "runtime/x86/lane_loops.h"
 #include "runtime/x86/poly_exp_lanes.h"
 
 namespace quorvel::kernels::x86::lanes {
-
-inline constexpr std::size_t kAttentionBlock = 64;
 
 // The running state of one query row (a template only so that each
 // instruction set's build keeps its own copy).
