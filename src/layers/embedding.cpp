@@ -168,7 +168,7 @@ void Embedding::compute_logits(const std::int8_t* codes, float scale, float* log
   if (format == nullptr) throw std::runtime_error("Unsupported unembed quant format in unembed");
   parallel_rows(padded_vocab(), groups, [&](std::uint64_t row, std::uint64_t rows) {
     (kernel_set.*format->logits)(output_table_.get() + row * output_row_bytes_, codes, scale, logits + row, rows,
-                        embedding_dim());
+                                 embedding_dim());
   });
 }
 

@@ -39,7 +39,7 @@ class EmbeddingQ1 final : public EmbeddingBase {
 
   // Bytes of one table (embed_tokens, or lm_head when untied).
   static std::uint64_t table_bytes(std::uint64_t vocab_size, std::uint64_t embedding_dim) {
-    return size_mul(vocab_size, embedding_dim / 128, sizeof(Block));
+    return size_mul(vocab_size, Tables::kFormat.layout.row_bytes(embedding_dim));
   }
 
   const Block* embed_tokens() const { return embed_tokens_.get(); }
@@ -47,7 +47,7 @@ class EmbeddingQ1 final : public EmbeddingBase {
   const Block* lm_head() const { return lm_head_; }
 
  private:
-  std::uint64_t blocks_per_row() const { return embedding_dim() / 128; }
+  std::uint64_t blocks_per_row() const { return embedding_dim() / Tables::kFormat.layout.block_values; }
   void embed_row(std::uint64_t id, bf16* out) const override;
   void compute_logits(const std::int8_t* codes, float scale, float* logits) const override;
 

@@ -145,16 +145,17 @@ class Estimator {
 
  private:
   void add_weights(const EmbeddingBytes& embedding) {
-    const std::string embedding_part =
-        "the token embedding (" + config_entry("vocab_size", c_.vocab_size) + " x " + config_entry("hidden_dim", c_.hidden_dim) + ")";
+    const std::string embedding_part = "the token embedding (" + config_entry("vocab_size", c_.vocab_size) + " x " +
+                                       config_entry("hidden_dim", c_.hidden_dim) + ")";
     tally_.add(&ModelMemory::weights, embedding.resident, embedding_part);
     tally_.add(&ModelMemory::weights, final_norm_bytes(c_), embedding_part);
     const RowBytes row_bytes = projection_row_bytes(c_.arch_type);
     if (row_bytes == nullptr) return;
     const std::uint64_t layer = size_add(layer_projection_bytes(row_bytes, c_), layer_norm_bytes(c_));
     tally_.add(&ModelMemory::weights, size_mul(c_.num_layers, layer),
-               "the layer weights (" + config_entry("num_layers", c_.num_layers) + " x " + config_entry("hidden_dim", c_.hidden_dim) +
-                   ", " + config_entry("intermediate_dim", c_.intermediate_dim) + ", " + heads_ + ", " +
+               "the layer weights (" + config_entry("num_layers", c_.num_layers) + " x " +
+                   config_entry("hidden_dim", c_.hidden_dim) + ", " +
+                   config_entry("intermediate_dim", c_.intermediate_dim) + ", " + heads_ + ", " +
                    config_entry("num_kv_heads", c_.num_kv_heads) + ")");
   }
 
@@ -187,8 +188,8 @@ class Estimator {
         size_add(resident - std::min(resident, driver_bytes()), largest_projection_source_bytes(c_));
     const std::uint64_t peak = std::max({resident, embedding_peak, projection_peak});
     tally_.add(&ModelMemory::weights, peak - resident,
-               "the weights held while loading (" + heads_ + ", " + config_entry("intermediate_dim", c_.intermediate_dim) +
-                   ")");
+               "the weights held while loading (" + heads_ + ", " +
+                   config_entry("intermediate_dim", c_.intermediate_dim) + ")");
   }
 
   std::uint64_t driver_bytes() const {

@@ -75,7 +75,9 @@ const GoldenCase kCases[] = {
 
 // `text` with every occurrence of the temporary model directory named alike.
 std::string without_directory(std::string text, const std::string& dir) {
-  for (auto at = text.find(dir); at != std::string::npos; at = text.find(dir, at)) text.replace(at, dir.size(), "MODEL");
+  for (auto at = text.find(dir); at != std::string::npos; at = text.find(dir, at)) {
+    text.replace(at, dir.size(), "MODEL");
+  }
   return text;
 }
 

@@ -124,8 +124,8 @@ TYPED_TEST(EmbeddingQ1Test, LogitsComeFromTheLastRowOverEveryTableRow) {
   float x_scale = 0;
   kernels::kernels().quantize_rows_i8(hidden.data() + 4 * this->kDim, x.data(), &x_scale, 1, this->kDim);
   std::vector<float> expected(96, -7.0f);
-  (kernels::kernels().*TestFixture::Tables::kFormat.plain_logits)(embedding.lm_head(), x.data(), x_scale, expected.data(),
-                                                       this->kVocab, this->kDim);
+  (kernels::kernels().*TestFixture::Tables::kFormat.plain_logits)(embedding.lm_head(), x.data(), x_scale,
+                                                                  expected.data(), this->kVocab, this->kDim);
   std::vector<Candidate> candidates(thread_count() * 256);
   std::vector<std::uint64_t> indices(this->kVocab);
   SamplingParams greedy;
