@@ -7,14 +7,14 @@ namespace {
 
 constexpr std::uint64_t kBlockWidth = 128;
 
-LayerTensor norm(std::uint64_t width) { return {TensorRole::NORM, width, width, false}; }
+LayerTensor norm(LayerSlot slot, std::uint64_t width) { return {slot, TensorRole::NORM, width, width, false}; }
 
-LayerTensor projection(std::uint64_t in, std::uint64_t out, bool has_bias) {
-  return {TensorRole::PROJECTION, in, out, has_bias};
+LayerTensor projection(LayerSlot slot, std::uint64_t in, std::uint64_t out, bool has_bias) {
+  return {slot, TensorRole::PROJECTION, in, out, has_bias};
 }
 
-LayerTensor residual_output(std::uint64_t in, std::uint64_t out) {
-  return {TensorRole::RESIDUAL_OUTPUT, in, out, false};
+LayerTensor residual_output(LayerSlot slot, std::uint64_t in, std::uint64_t out) {
+  return {slot, TensorRole::RESIDUAL_OUTPUT, in, out, false};
 }
 
 [[noreturn]] void unknown_arch(std::int32_t arch) {
@@ -48,21 +48,26 @@ std::vector<LayerTensor> layer_tensors(const InitConfig& config) {
   const std::uint64_t d = config.hidden_dim;
   const std::uint64_t attention_width = config.head_dim * config.num_heads;
   const std::uint64_t kv_width = config.head_dim * config.num_kv_heads;
-  const LayerTensor kv = projection(d, kv_width, config.has_qkv_bias);  // K, then V
-  const LayerTensor q = projection(d, attention_width, config.has_qkv_bias);
-  const LayerTensor o = residual_output(attention_width, d);
-  const LayerTensor ffn = projection(d, config.intermediate_dim, false);
-  const LayerTensor down = residual_output(config.intermediate_dim, d);
+  const std::uint64_t I = config.intermediate_dim, D = config.head_dim;
+  const bool bias = config.has_qkv_bias;
+  using enum LayerSlot;
+  const LayerTensor attention_norm = norm(ATTENTION_NORM, d), ffn_norm = norm(FFN_NORM, d);
+  const LayerTensor k = projection(K, d, kv_width, bias), v = projection(V, d, kv_width, bias);
+  const LayerTensor q = projection(Q, d, attention_width, bias);
+  const LayerTensor o = residual_output(O, attention_width, d);
+  const LayerTensor gate = projection(GATE, d, I, false), up = projection(UP, d, I, false);
+  const LayerTensor down = residual_output(DOWN, I, d);
   switch (config.arch_type) {
     case 1:  // both sub-norms, whatever the has_*_sub_norm keys say
-      return {norm(d), norm(attention_width), kv, kv, q, o, norm(d), ffn, ffn, norm(config.intermediate_dim), down};
+      return {attention_norm, norm(ATTENTION_SUB_NORM, attention_width), k, v, q, o, ffn_norm, gate, up,
+              norm(FFN_SUB_NORM, I), down};
     case 2:
     case 3:
-      return {norm(d), kv, kv, q, o, norm(d), ffn, ffn, down};
+      return {attention_norm, k, v, q, o, ffn_norm, gate, up, down};
     case 4:
     case 5:
     case 6:  // the two per-head norms sit between Q and O
-      return {norm(d), kv, kv, q, norm(config.head_dim), norm(config.head_dim), o, norm(d), ffn, ffn, down};
+      return {attention_norm, k, v, q, norm(Q_NORM, D), norm(K_NORM, D), o, ffn_norm, gate, up, down};
   }
   unknown_arch(config.arch_type);
 }

@@ -25,7 +25,25 @@ enum class TensorRole {
   RESIDUAL_OUTPUT,  // adds into the residual stream (O, down)
 };
 
+// Which tensor of a layer an entry is: what checkpoints name it by.
+enum class LayerSlot {
+  ATTENTION_NORM,
+  ATTENTION_SUB_NORM,  // BitNet: on the attention output, before O
+  K,
+  V,
+  Q,
+  Q_NORM,  // per-head norms (arch 4, 5, 6): the query's, then the key's
+  K_NORM,
+  O,
+  FFN_NORM,
+  GATE,  // FFN 1
+  UP,    // FFN 2
+  FFN_SUB_NORM,  // BitNet: on the gated activation, before down
+  DOWN,
+};
+
 struct LayerTensor {
+  LayerSlot slot;
   TensorRole role;
   std::uint64_t in_width;   // a norm's width
   std::uint64_t out_width;  // equals in_width for a norm
