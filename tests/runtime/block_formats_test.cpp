@@ -13,7 +13,9 @@
 #include "kernel_test_inputs.h"
 #include "product_test_inputs.h"
 #include "runtime/formats/q1_0.h"
+#include "runtime/formats/q1_58.h"
 #include "runtime/formats/q8_0.h"
+#include "runtime/formats/ternary.h"
 #include "runtime/scalar/portable_kernels.h"
 
 namespace quorvel::test {
@@ -209,6 +211,31 @@ TEST_P(InMemoryFormatTest, DequantizerFollowsTheDocumentedLayout) {
       ASSERT_EQ(out[r * cols + c], f.layout->value(block, c % f.layout->values)) << r << " " << c;
     }
   }
+}
+
+// The f32 quantizers of the two q1 formats: +-d weights come back exactly
+// (d is their mean magnitude), the signs and codes follow x's sign and the
+// rounding of x / d, and an all-zero block gets q1.58's floor scale.
+TEST(Q1Quantizers, ExactWeightsRoundTripAndRoundingFollowsTheRules) {
+  std::vector<float> x(256);
+  for (std::size_t i = 0; i < x.size(); ++i) x[i] = (i * 7 % 3 == 0 ? -0.375f : 0.375f);
+  std::vector<formats::BlockQ1_0> q1(2);
+  formats::quantize_q1_0(x.data(), x.size(), q1.data());
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    ASSERT_EQ(static_cast<float>(formats::q1_0_sign(q1[i / 128], i % 128)) * widen(q1[i / 128].d), x[i]) << i;
+  }
+  std::vector<float> t(128, 0.0f);
+  t[0] = 0.5f;  // the magnitudes sum to 4, so d = 4 / 128 and this ratio is 16: +1
+  t[1] = -3.4375f;  // -> -1
+  t[2] = 0.015625f;  // ratio 0.5 rounds to even: 0
+  t[3] = 0.046875f;  // ratio 1.5 -> 2, clamped to +1
+  std::vector<formats::BlockQ1_58> q158(1);
+  formats::quantize_q1_58(t.data(), t.size(), q158.data());
+  EXPECT_EQ(widen(q158[0].d), 4.0f / 128.0f);
+  EXPECT_EQ(formats::block_sum(q158[0], std::vector<std::int8_t>{1, 10, 100, 1}.data(), 4), 1 - 10 + 0 + 1);
+  std::fill(t.begin(), t.end(), 0.0f);
+  formats::quantize_q1_58(t.data(), t.size(), q158.data());
+  EXPECT_EQ(widen(q158[0].d), widen(narrow_nearest_even(formats::kTernaryScaleFloor)));
 }
 
 TEST_P(InMemoryFormatTest, ZeroRowsComeBackAsZeros) {

@@ -1,5 +1,7 @@
 #include "runtime/formats/q1_0.h"
 
+#include <cmath>
+
 namespace quorvel::formats {
 
 namespace {
@@ -23,6 +25,20 @@ std::int32_t block_sum(const BlockQ1_0& b, const std::int8_t* x, std::size_t n) 
   std::int32_t sum = 0;
   for (std::size_t i = 0; i < n; ++i) sum += q1_0_sign(b, i) * x[i];
   return sum;
+}
+
+void quantize_q1_0(const float* x, std::size_t n, BlockQ1_0* out) {
+  for (std::size_t blk = 0; blk < n / BlockQ1_0::kValues; ++blk, x += BlockQ1_0::kValues) {
+    BlockQ1_0& block = out[blk];
+    float magnitude = 0.0f;
+    for (std::size_t i = 0; i < BlockQ1_0::kValues; ++i) magnitude += std::fabs(x[i]);
+    block.d = narrow_nearest_even(magnitude / static_cast<float>(BlockQ1_0::kValues));
+    for (std::size_t k = 0; k < 16; ++k) {
+      unsigned bits = 0;
+      for (std::size_t j = 0; j < 8; ++j) bits = (bits << 1) | (x[8 * k + j] >= 0.0f ? 1u : 0u);
+      block.signs[k] = static_cast<std::uint8_t>(bits);
+    }
+  }
 }
 
 void dequantize_q1_0(const BlockQ1_0* blocks, std::size_t n, bf16* out) {

@@ -32,6 +32,11 @@ inline float block_scale(const BlockQ1_0& b) { return widen(b.d); }
 // Exact S_b = sum over the first n (<= 128) weights of sign_i * x_i.
 std::int32_t block_sum(const BlockQ1_0& b, const std::int8_t* x, std::size_t n);
 
+// Quantizes n weights (a multiple of 128) from f32: per block d = mean(|x|)
+// (summed in f32 in weight order), bit = (x >= 0), d narrowed to bf16
+// nearest-even. Blocks whose weights are all +-d come back exactly.
+void quantize_q1_0(const float* x, std::size_t n, BlockQ1_0* out);
+
 // Expands n weights (rounded up to whole blocks) to bf16: (+-1.0f * d)
 // narrowed with the saturating rule.
 void dequantize_q1_0(const BlockQ1_0* blocks, std::size_t n, bf16* out);

@@ -31,6 +31,11 @@ inline float block_scale(const BlockQ1_58& b) { return widen(b.d); }
 // Exact S_b = sum over the first n (<= 128) weights of (c_i - 1) * x_i.
 std::int32_t block_sum(const BlockQ1_58& b, const std::int8_t* x, std::size_t n);
 
+// Quantizes n weights (a multiple of 128) from f32: per block
+// d = max(mean(|x|), 1e-5) (summed in f32 in weight order), code =
+// clamp(round-half-even(x / d), -1, 1) + 1, d narrowed to bf16 nearest-even.
+void quantize_q1_58(const float* x, std::size_t n, BlockQ1_58* out);
+
 // Expands n weights (rounded up to whole blocks) to bf16: ((float)(c - 1) * d)
 // narrowed with the saturating rule.
 void dequantize_q1_58(const BlockQ1_58* blocks, std::size_t n, bf16* out);

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cmath>
 #include <cstdint>
 
 namespace quorvel::formats {
@@ -27,5 +28,15 @@ inline void set_ternary_code(std::uint8_t* group, std::size_t j, unsigned c) {
   const unsigned shift = static_cast<unsigned>(6 - 2 * (j / 32));
   group[j % 32] = static_cast<std::uint8_t>((group[j % 32] & ~(3u << shift)) | ((c & 3u) << shift));
 }
+
+// The code of a weight that is `ratio` times its scale: round half to even,
+// clamped to -1..+1, plus one.
+inline unsigned ternary_code_for(float ratio) {
+  const float rounded = std::nearbyint(ratio);
+  return rounded > 0.0f ? 2u : rounded < 0.0f ? 0u : 1u;
+}
+
+// The smallest scale a ternary quantizer gives a group or a matrix of zeros.
+inline constexpr float kTernaryScaleFloor = 1e-5f;
 
 }  // namespace quorvel::formats
