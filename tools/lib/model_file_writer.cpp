@@ -8,12 +8,11 @@
 #include "tools/lib/weight_scales.h"
 
 namespace quorvel::tools {
-namespace {
 
-void write_header(BinaryWriter& out, const InitConfig& config, const ModelFileOptions& options) {
+void write_model_header(BinaryWriter& out, std::int32_t arch, const ModelFileOptions& options) {
   out.write_bytes("QVLM", 4);
   out.write_value(options.version);
-  out.write_value(config.arch_type);
+  out.write_value(arch);
   out.write_value(static_cast<std::uint32_t>(options.sections.size()));
   if (options.version != 4) return;
   for (const SectionEntry& section : options.sections) {
@@ -21,6 +20,8 @@ void write_header(BinaryWriter& out, const InitConfig& config, const ModelFileOp
     out.write_value(section.value);
   }
 }
+
+namespace {
 
 // The input table, then the output table unless the two are tied.
 void write_embedding(PayloadWriter& payload, const InitConfig& config) {
@@ -46,7 +47,7 @@ void write_model_file(const std::filesystem::path& path, const InitConfig& confi
   BinaryWriter out(path);
   WeightRandom random(options.seed);
   PayloadWriter payload(out, random);
-  write_header(out, config, options);
+  write_model_header(out, config.arch_type, options);
   write_embedding(payload, config);
   payload.norm(config.hidden_dim);  // the final norm
   for (std::uint64_t i = 0; i < config.num_layers; ++i) {

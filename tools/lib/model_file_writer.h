@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "config/init_config.h"
+#include "tools/lib/binary_writer.h"
 
 namespace quorvel::tools {
 
@@ -26,6 +27,9 @@ struct ModelFileOptions {
   std::vector<SectionEntry> sections;
   std::uint64_t seed = 1;
 };
+
+// The header and the section table, which the payload follows directly.
+void write_model_header(BinaryWriter& out, std::int32_t arch, const ModelFileOptions& options);
 
 // Throws std::invalid_argument for shapes the formats cannot hold (see
 // unwritable_shape) and std::runtime_error when the file cannot be written.

@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
+#include <vector>
 
 namespace quorvel::tools {
 
@@ -15,6 +17,15 @@ inline constexpr char kRopeCacheFileName[] = "rope.cache";
 
 // Why `head_dim` cannot be split into rotation pairs, or nullopt.
 std::optional<std::string> unwritable_rope_shape(std::uint64_t head_dim);
+
+// One frequency per rotation pair: theta^(-2 i / head_dim) for i < head_dim / 2.
+std::vector<double> rope_pair_frequencies(std::uint64_t head_dim, double theta);
+
+// The tables for the given pair frequencies (head_dim = 2 * their count),
+// for models whose frequencies are scaled. Throws std::runtime_error when the
+// file cannot be written.
+void write_rope_cache(const std::filesystem::path& path, std::span<const double> frequencies,
+                      std::uint64_t max_positions);
 
 // Throws std::invalid_argument for an unwritable head_dim (before creating
 // the file) and std::runtime_error when the file cannot be written.

@@ -23,6 +23,11 @@ LayerTensor residual_output(LayerSlot slot, std::uint64_t in, std::uint64_t out)
 
 }  // namespace
 
+const char* weight_format_name(WeightFormat format) {
+  constexpr const char* kNames[] = {"ternary", "q1_0_128", "q1.58", "bf16"};
+  return kNames[static_cast<int>(format)];
+}
+
 WeightFormat projection_format(std::int32_t arch) {
   switch (arch) {
     case 1:

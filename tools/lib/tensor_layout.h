@@ -19,6 +19,9 @@ enum class WeightFormat {
   BF16,     // plain bf16 (tables of arch 1, 2, 3, 6; q8_0 sources of arch 6)
 };
 
+// "ternary", "q1_0_128", "q1.58" or "bf16".
+const char* weight_format_name(WeightFormat format);
+
 enum class TensorRole {
   NORM,             // width bf16 weights
   PROJECTION,       // feeds attention or the gating (Q, K, V, FFN 1, FFN 2)

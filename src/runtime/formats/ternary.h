@@ -29,11 +29,18 @@ inline void set_ternary_code(std::uint8_t* group, std::size_t j, unsigned c) {
   group[j % 32] = static_cast<std::uint8_t>((group[j % 32] & ~(3u << shift)) | ((c & 3u) << shift));
 }
 
+// Packs the codes (0..3) of 128 weights, in weight order, into one group.
+inline void pack_ternary_group(const std::uint8_t* codes, std::uint8_t* group) {
+  for (std::size_t m = 0; m < kTernaryGroupBytes; ++m) {
+    group[m] = static_cast<std::uint8_t>((codes[m] << 6) | (codes[32 + m] << 4) | (codes[64 + m] << 2) | codes[96 + m]);
+  }
+}
+
 // The code of a weight that is `ratio` times its scale: round half to even,
 // clamped to -1..+1, plus one.
-inline unsigned ternary_code_for(float ratio) {
-  const float rounded = std::nearbyint(ratio);
-  return rounded > 0.0f ? 2u : rounded < 0.0f ? 0u : 1u;
+inline unsigned ternary_code_for(double ratio) {
+  const double rounded = std::nearbyint(ratio);
+  return rounded > 0.0 ? 2u : rounded < 0.0 ? 0u : 1u;
 }
 
 // The smallest scale a ternary quantizer gives a group or a matrix of zeros.
