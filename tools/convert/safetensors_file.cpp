@@ -123,9 +123,18 @@ void parse_safetensors(std::span<const std::uint8_t> bytes, const path& file, Te
                                  std::to_string(bytes.size()) + " bytes");
   }
   const auto* text = reinterpret_cast<const char*>(bytes.data() + kLengthBytes);
+  // A JSON object keeps the last of two equal keys; a tensor named twice
+  // must be refused, so the names are collected as they are parsed.
+  std::set<std::string> names;
+  const json::parser_callback_t refuse_repeats = [&](int depth, json::parse_event_t event, json& parsed) {
+    if (depth == 1 && event == json::parse_event_t::key && !names.insert(parsed.get<std::string>()).second) {
+      throw ConvertError(file, "tensor " + parsed.get<std::string>() + " appears twice");
+    }
+    return true;
+  };
   json header;
   try {
-    header = json::parse(text, text + header_bytes);
+    header = json::parse(text, text + header_bytes, refuse_repeats);
   } catch (const json::exception& error) {
     throw ConvertError(file, std::string("header is not valid UTF-8 JSON (") + error.what() + ")");
   }
