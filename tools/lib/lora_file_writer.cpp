@@ -30,16 +30,6 @@ std::uint32_t target_index(std::string_view name) {
                               "' (expected all, none or k, v, q, o, ffn1, ffn2, down)");
 }
 
-// The projections of a layer in file order are its LoRA targets in record
-// order; the norms between them have no record.
-std::vector<LayerTensor> lora_targets(const InitConfig& config) {
-  std::vector<LayerTensor> targets;
-  for (const LayerTensor& tensor : layer_tensors(config)) {
-    if (tensor.role != TensorRole::NORM) targets.push_back(tensor);
-  }
-  return targets;
-}
-
 const LoraTargetSet& layer_targets(const LoraFileOptions& options, std::uint64_t layer) {
   const auto own = options.layer_targets.find(layer);
   return own != options.layer_targets.end() ? own->second : options.targets;
@@ -54,25 +44,44 @@ void write_header(BinaryWriter& out, const InitConfig& config, std::uint32_t ran
   out.write_value(static_cast<std::int32_t>(kLoraTargetCount));
 }
 
-// `rows` rows of `cols` bf16 values of RMS `rms`; rms 0 writes +0 values.
-void write_factor(BinaryWriter& out, WeightRandom& random, std::uint64_t rows, std::uint64_t cols, double rms) {
-  const auto half_width = static_cast<float>(rms * kUniformToRms);
-  std::vector<bf16> row(cols, bf16{0});
-  for (std::uint64_t r = 0; r < rows; ++r) {
-    if (rms != 0.0) {
-      for (bf16& value : row) value = narrow_nearest_even(half_width * random.uniform());
-    }
-    out.write_values(std::span<const bf16>(row));
+void write_factor(BinaryWriter& out, const std::vector<float>& values, std::uint64_t rows, std::uint64_t cols,
+                  const char* name) {
+  if (values.size() != rows * cols) {
+    throw std::invalid_argument(std::string("LoRA factor ") + name + " holds " + std::to_string(values.size()) +
+                                " values, expected " + std::to_string(rows) + " x " + std::to_string(cols));
   }
+  std::vector<bf16> narrowed(values.size());
+  std::transform(values.begin(), values.end(), narrowed.begin(), narrow_nearest_even);
+  out.write_values(std::span<const bf16>(narrowed));
 }
 
-void write_target(BinaryWriter& out, WeightRandom& random, const LayerTensor& target, bool has_lora,
-                  const LoraFileOptions& options) {
-  out.write_value(static_cast<std::uint8_t>(has_lora ? 1 : 0));
-  if (!has_lora) return;
+void write_record(BinaryWriter& out, const std::optional<LoraFactors>& factors, const LayerTensor& projection,
+                  std::uint32_t rank) {
+  out.write_value(static_cast<std::uint8_t>(factors ? 1 : 0));
+  if (!factors) return;
+  write_factor(out, factors->a, projection.in_width, rank, "A");
+  write_factor(out, factors->b, rank, projection.out_width, "B");
+}
+
+// `rows` x `cols` values of RMS `rms`, uniformly spread; rms 0 gives zeros
+// and draws nothing.
+std::vector<float> random_factor(WeightRandom& random, std::uint64_t rows, std::uint64_t cols, double rms) {
+  std::vector<float> values(rows * cols, 0.0f);
+  const auto half_width = static_cast<float>(rms * kUniformToRms);
+  if (rms != 0.0) {
+    for (float& value : values) value = half_width * random.uniform();
+  }
+  return values;
+}
+
+LoraFactors random_factors(WeightRandom& random, const LayerTensor& projection, const LoraFileOptions& options) {
   const double rank = std::max(1.0, static_cast<double>(options.rank));
-  write_factor(out, random, target.in_width, options.rank, 1.0 / std::sqrt(static_cast<double>(target.in_width)));
-  write_factor(out, random, options.rank, target.out_width, options.zero_b ? 0.0 : options.scale / std::sqrt(rank));
+  const double b_rms = options.zero_b ? 0.0 : options.scale / std::sqrt(rank);
+  LoraFactors factors;
+  factors.a = random_factor(random, projection.in_width, options.rank,
+                            1.0 / std::sqrt(static_cast<double>(projection.in_width)));
+  factors.b = random_factor(random, options.rank, projection.out_width, b_rms);
+  return factors;
 }
 
 }  // namespace
@@ -97,18 +106,35 @@ std::optional<std::string> unwritable_lora_targets(const InitConfig& config, con
          std::to_string(config.num_layers) + " layers";
 }
 
-void write_lora_file(const std::filesystem::path& path, const InitConfig& config, const LoraFileOptions& options) {
-  if (const auto problem = unwritable_lora_targets(config, options)) throw std::invalid_argument(*problem);
-  const std::vector<LayerTensor> targets = lora_targets(config);
+std::vector<LayerTensor> lora_target_projections(const InitConfig& config) {
+  std::vector<LayerTensor> projections;
+  for (const LayerTensor& tensor : layer_tensors(config)) {
+    if (tensor.role != TensorRole::NORM) projections.push_back(tensor);
+  }
+  return projections;
+}
+
+void write_lora_records(const std::filesystem::path& path, const InitConfig& config, std::uint32_t rank,
+                        const LoraFactorSource& factors) {
+  const std::vector<LayerTensor> projections = lora_target_projections(config);
   BinaryWriter out(path);
-  WeightRandom random(options.seed);
-  write_header(out, config, options.rank);
+  write_header(out, config, rank);
   for (std::uint64_t layer = 0; layer < config.num_layers; ++layer) {
     for (std::uint32_t t = 0; t < kLoraTargetCount; ++t) {
-      write_target(out, random, targets[t], layer_targets(options, layer)[t], options);
+      write_record(out, factors(layer, t, projections[t]), projections[t], rank);
     }
   }
   out.finish();
+}
+
+void write_lora_file(const std::filesystem::path& path, const InitConfig& config, const LoraFileOptions& options) {
+  if (const auto problem = unwritable_lora_targets(config, options)) throw std::invalid_argument(*problem);
+  WeightRandom random(options.seed);
+  const auto factors = [&](std::uint64_t layer, std::uint32_t target, const LayerTensor& projection) {
+    if (!layer_targets(options, layer)[target]) return std::optional<LoraFactors>();
+    return std::optional(random_factors(random, projection, options));
+  };
+  write_lora_records(path, config, options.rank, factors);
 }
 
 }  // namespace quorvel::tools

@@ -1,9 +1,10 @@
-// Writes a synthetic "qmodel.lora" for a model directory: the adapter header,
-// then for every layer seven target records (K, V, Q, O, FFN 1, FFN 2, down),
-// each a flag byte and, for the targets that carry an adapter, random bf16
-// factors A (in x rank) and B (rank x out).
+// Writes "qmodel.lora" for a model directory: the adapter header, then for
+// every layer seven target records (K, V, Q, O, FFN 1, FFN 2, down), each a
+// flag byte and, for the targets that carry an adapter, bf16 factors A
+// (in x rank) and B (rank x out). The factors come from the caller
+// (write_lora_records), or are random (write_lora_file).
 //
-// The factors are sized so that the correction is as large as the
+// Random factors are sized so that the correction is as large as the
 // projection's own output: A's entries have RMS 1 / sqrt(in), so that every
 // element of x * A has RMS near 1 for the unit-RMS rows that the projections
 // receive, and B's entries RMS scale / sqrt(rank), so that x * A * B has
@@ -15,6 +16,7 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -22,6 +24,7 @@
 #include <vector>
 
 #include "config/init_config.h"
+#include "tools/lib/tensor_layout.h"
 
 namespace quorvel::tools {
 
@@ -38,6 +41,29 @@ extern const std::array<std::string_view, kLoraTargetCount> kLoraTargetNames;
 // std::invalid_argument naming an unknown target.
 LoraTargetSet parse_lora_targets(std::string_view text);
 
+// One target's factors in the file's layout, as floats that the writer
+// narrows to bf16 (nearest even): A is in_width rows of `rank` values, B
+// `rank` rows of out_width values, both row-major.
+struct LoraFactors {
+  std::vector<float> a;
+  std::vector<float> b;
+};
+
+// The factors of record `target` (record order) of `layer`, whose projection
+// is `projection`; nullopt leaves the target without an adapter. Called once
+// per record, in file order.
+using LoraFactorSource =
+    std::function<std::optional<LoraFactors>(std::uint64_t layer, std::uint32_t target, const LayerTensor& projection)>;
+
+// The projections of a layer in record order, with their shapes.
+std::vector<LayerTensor> lora_target_projections(const InitConfig& config);
+
+// Writes the header for `rank` and every record from `factors`. Throws
+// std::invalid_argument for factors of another size than the projection and
+// rank ask for, and std::runtime_error when the file cannot be written.
+void write_lora_records(const std::filesystem::path& path, const InitConfig& config, std::uint32_t rank,
+                        const LoraFactorSource& factors);
+
 struct LoraFileOptions {
   std::uint32_t rank = 8;
   // The targets of every layer, except the layers listed in layer_targets.
@@ -52,8 +78,9 @@ struct LoraFileOptions {
 // not have), or nullopt.
 std::optional<std::string> unwritable_lora_targets(const InitConfig& config, const LoraFileOptions& options);
 
-// Throws std::invalid_argument for unwritable targets (before creating the
-// file) and std::runtime_error when the file cannot be written.
+// Writes random factors. Throws std::invalid_argument for unwritable targets
+// (before creating the file) and std::runtime_error when the file cannot be
+// written.
 void write_lora_file(const std::filesystem::path& path, const InitConfig& config, const LoraFileOptions& options);
 
 }  // namespace quorvel::tools
