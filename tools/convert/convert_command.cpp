@@ -20,6 +20,7 @@
 #include "tools/lib/lora_file_writer.h"
 #include "tools/lib/model_file_writer.h"
 #include "tools/lib/rope_cache_writer.h"
+#include "tools/lib/tensor_layout.h"
 
 namespace quorvel::convert {
 namespace {
@@ -113,11 +114,25 @@ int convert_model(const CommandLine& line, std::ostream& out, bool redraw) {
   return 0;
 }
 
+// The converted model's init config, refused when no model could have it.
+InitConfig read_model_config(const fs::path& model_dir) {
+  const fs::path file = model_dir / tools::kInitTextFileName;
+  std::ifstream init(file, std::ios::binary);
+  if (!init) throw ConvertError(file, "cannot be opened (convert the base model first)");
+  try {
+    const InitConfig config = read_init_config(init);
+    if (const auto problem = tools::unwritable_shape(config)) throw ConvertError(file, *problem);
+    return config;
+  } catch (const ConvertError&) {
+    throw;
+  } catch (const std::exception& error) {
+    throw ConvertError(file, error.what());
+  }
+}
+
 int convert_adapter(const CommandLine& line, std::ostream& out) {
   const fs::path model_dir(line.paths[0]);
-  std::ifstream init(model_dir / tools::kInitTextFileName, std::ios::binary);
-  if (!init) throw ConvertError(model_dir / tools::kInitTextFileName, "cannot be opened (convert the base model first)");
-  const InitConfig model = read_init_config(init);
+  const InitConfig model = read_model_config(model_dir);
   const fs::path target = model_dir / tools::kLoraFileName;
   const fs::path partial = model_dir / (std::string(tools::kLoraFileName) + ".partial-" + std::to_string(::getpid()));
   try {
