@@ -125,6 +125,11 @@ class GgufBuilder {
     for (const float v : values) out.f32(v);
     return *this;
   }
+  // A value of any type id, stored as `value` (which may be broken on purpose).
+  GgufBuilder& raw(const std::string& key, std::uint32_t type, const std::string& value) {
+    entry(key, static_cast<GgufType>(type)).text(value);
+    return *this;
+  }
   GgufBuilder& tensor(TensorBytes t) {
     tensors_.push_back(std::move(t));
     return *this;
