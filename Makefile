@@ -57,6 +57,18 @@ bench:
 	./build-release/bench/kernels_bench $(BENCH_ARGS)
 	./build-release/tools/host/quorvel-bench ./build-release/quorvel-inference build-release/bench-models
 
+# Conversion speed on a synthetic checkpoint of the 2B BitNet shape (30
+# layers, packed ternary, written once by bench/synthetic_checkpoint.py):
+# wall time and peak memory from /usr/bin/time -v.
+CONVERT_BENCH_DIR ?= build-release/bench-checkpoint
+.PHONY: bench-convert
+bench-convert:
+	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON -DQUORVEL_TESTS=OFF
+	cmake --build build-release -j $(JOBS) --target quorvel-convert
+	test -f $(CONVERT_BENCH_DIR)/model.safetensors || bench/synthetic_checkpoint.py $(CONVERT_BENCH_DIR)
+	/usr/bin/time -v ./build-release/tools/quorvel-convert $(CONVERT_BENCH_DIR) build-release/bench-converted --force \
+	  2>&1 | grep -v -E '^\s+(Average|Exit|Socket|Signals|Swaps|File system|Page size|Voluntary|Involuntary|Major|Minor)'
+
 # Writes MODEL_DIR/rope.cache from MODEL_DIR/init.txt with the tools' RoPE writer.
 .PHONY: generate
 generate: $(BUILD)/build.ninja

@@ -149,23 +149,30 @@ inline std::string q8_0_blocks(const std::vector<float>& values, std::vector<flo
     out.u16(d);
     for (std::size_t j = 0; j < 32; ++j) {
       const float q = scale == 0.0f ? 0.0f : std::clamp(std::nearbyint(values[first + j] / scale), -127.0f, 127.0f);
-      out.u8(static_cast<std::uint8_t>(static_cast<std::int8_t>(q)));
-      dequantized[first + j] = scale * q;
+      const auto code = static_cast<std::int8_t>(q);
+      out.u8(static_cast<std::uint8_t>(code));
+      dequantized[first + j] = scale * static_cast<float>(code);
     }
   }
   return out.bytes();
+}
+
+inline bool is_rotated(const PayloadObject& o) {
+  return (o.kind == PayloadObject::LAYER_WEIGHT || o.kind == PayloadObject::LAYER_BIAS) && !o.is_norm &&
+         (o.slot == LayerSlot::Q || o.slot == LayerSlot::K);
+}
+
+inline Form form_of(const PayloadObject& o, const CheckpointRecipe& recipe) {
+  if (o.kind == PayloadObject::EMBEDDING || o.kind == PayloadObject::OUTPUT) return recipe.tables;
+  return o.is_vector() ? recipe.vectors : recipe.projections;
 }
 
 // The tensors of one payload object in the recipe's form (a packed U8
 // projection comes with its weight_scale).
 inline std::vector<TensorBytes> encode(const PayloadObject& object, const CheckpointRecipe& recipe,
                                        std::uint64_t head_dim) {
-  const bool rotated = object.kind != PayloadObject::EMBEDDING && object.kind != PayloadObject::OUTPUT &&
-                       (object.slot == LayerSlot::Q || object.slot == LayerSlot::K) && !object.is_norm;
-  const PayloadObject o = recipe.permute_qk && rotated ? interleave_heads(object, head_dim) : object;
-  const Form form = o.kind == PayloadObject::EMBEDDING || o.kind == PayloadObject::OUTPUT ? recipe.tables
-                    : o.is_vector()                                                       ? recipe.vectors
-                                                                                          : recipe.projections;
+  const PayloadObject o = recipe.permute_qk && is_rotated(object) ? interleave_heads(object, head_dim) : object;
+  const Form form = form_of(o, recipe);
   const std::string name = tensor_name(o, recipe.gguf);
   const std::vector<std::uint64_t> shape =
       o.is_vector() ? std::vector<std::uint64_t>{o.cols} : std::vector<std::uint64_t>{o.rows, o.cols};
