@@ -6,7 +6,6 @@
 #include <cmath>
 #include <map>
 #include <optional>
-#include <regex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -80,7 +79,8 @@ void refuse_target_modules(const AdapterConfig& config) {
   }
 }
 
-// Settings that ask for more than two factors per projection.
+// Settings that qmodel.lora cannot hold: another adapter type, DoRA, trained
+// biases, whole saved modules, modules other than the seven projections.
 void refuse_unsupported(const AdapterConfig& config) {
   const fs::path& file = config.file;
   const auto type = json_text(config.keys, "peft_type", file);
@@ -117,34 +117,39 @@ AdapterConfig read_adapter_config(const fs::path& adapter_dir) {
   return config;
 }
 
+// A pattern key names the module at `path` by the whole path or a tail of it
+// after a dot ("q_proj", "layers.0.self_attn.q_proj"). Keys written as
+// regular expressions are refused rather than evaluated.
 bool key_matches(const AdapterConfig& config, const char* pattern_name, const std::string& key,
                  const std::string& path) {
-  try {
-    return std::regex_match(path, std::regex("(.*\\.)?(" + key + ")"));
-  } catch (const std::regex_error&) {
-    throw ConvertError(config.file, std::string(pattern_name) + " key '" + key + "' is not a regular expression");
+  if (key.find_first_of("\\^$*+?()[]{}|") != std::string::npos) {
+    throw ConvertError(config.file, std::string(pattern_name) + " key '" + key +
+                                        "' is a regular expression; name the modules instead (e.g. q_proj or "
+                                        "model.layers.0.self_attn.q_proj)");
   }
+  const std::size_t tail = path.size() - std::min(path.size(), key.size());
+  return path.ends_with(key) && (tail == 0 || path[tail - 1] == '.');
 }
 
-// The key of `pattern_name` (rank_pattern or alpha_pattern) that applies to
-// the module at `path`: a key matches the whole path or a tail of it after a
-// dot, as a regular expression. Keys that match with different values are
+// The value that `pattern_name` (rank_pattern or alpha_pattern) gives the
+// module at `path`, or nullptr. Keys that match with different values are
 // refused, since nothing orders them.
-std::optional<std::string> pattern_key(const AdapterConfig& config, const char* pattern_name,
-                                       const std::string& path) {
+const json* pattern_value(const AdapterConfig& config, const char* pattern_name, const std::string& path) {
   const auto patterns = config.keys.find(pattern_name);
-  if (patterns == config.keys.end() || patterns->is_null()) return std::nullopt;
+  if (patterns == config.keys.end() || patterns->is_null()) return nullptr;
   if (!patterns->is_object()) {
     throw ConvertError(config.file, std::string("key '") + pattern_name + "' must be an object");
   }
-  std::optional<std::string> chosen;
+  const json* chosen = nullptr;
+  std::string chosen_key;
   for (const auto& [key, value] : patterns->items()) {
     if (!key_matches(config, pattern_name, key, path)) continue;
-    if (chosen && patterns->at(*chosen) != value) {
-      throw ConvertError(config.file, std::string(pattern_name) + " keys '" + *chosen + "' and '" + key +
+    if (chosen && *chosen != value) {
+      throw ConvertError(config.file, std::string(pattern_name) + " keys '" + chosen_key + "' and '" + key +
                                           "' both match " + path + " with different values");
     }
-    chosen = key;
+    chosen = &value;
+    chosen_key = key;
   }
   return chosen;
 }
@@ -155,12 +160,19 @@ Module configured_module(const AdapterConfig& config, const ModuleKey& key) {
   Module module;
   module.rank = config.rank;
   double alpha = config.alpha;
-  if (const auto rank_key = pattern_key(config, "rank_pattern", path)) {
-    module.rank = *json_count(config.keys.at("rank_pattern"), rank_key->c_str(), config.file);
-    if (module.rank == 0) throw ConvertError(config.file, "rank_pattern gives " + path + " rank 0");
+  if (const json* rank = pattern_value(config, "rank_pattern", path)) {
+    if (!rank->is_number_unsigned() || rank->get<std::uint64_t>() == 0) {
+      throw ConvertError(config.file, "rank_pattern gives " + path + " rank " + rank->dump() +
+                                          "; a rank is a whole number of 1 or more");
+    }
+    module.rank = rank->get<std::uint64_t>();
   }
-  if (const auto alpha_key = pattern_key(config, "alpha_pattern", path)) {
-    alpha = *json_number(config.keys.at("alpha_pattern"), alpha_key->c_str(), config.file);
+  if (const json* pattern_alpha = pattern_value(config, "alpha_pattern", path)) {
+    if (!pattern_alpha->is_number() || !std::isfinite(pattern_alpha->get<double>())) {
+      throw ConvertError(config.file, "alpha_pattern gives " + path + " lora_alpha " + pattern_alpha->dump() +
+                                          ", which is not a finite number");
+    }
+    alpha = pattern_alpha->get<double>();
   }
   const double rank = static_cast<double>(module.rank);
   module.scale = alpha / (config.rslora ? std::sqrt(rank) : rank);

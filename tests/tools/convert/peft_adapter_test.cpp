@@ -201,13 +201,13 @@ TEST_F(PeftAdapter, ASmallerRankIsPaddedWithZeros) {
 }
 
 // rsLoRA divides by sqrt(r); alpha_pattern keys match a module's name or a
-// dotted tail of its path.
+// tail of its path after a dot ("p_proj" is neither for up_proj).
 TEST_F(PeftAdapter, RsLoraAndAlphaPatternSetEachScale) {
   json config = lora_config(4, 6.0);
   config["use_rslora"] = true;
-  config["alpha_pattern"] = {{"q_proj", 10.0}, {"layers.1.mlp.down_proj", 2.0}};
-  const std::vector<PeftModule> modules = {module(0, K, 4, 3.0), module(0, Q, 4, 5.0), module(1, Q, 4, 5.0),
-                                           module(0, DOWN, 4, 3.0), module(1, DOWN, 4, 1.0)};
+  config["alpha_pattern"] = {{"q_proj", 10.0}, {"layers.1.mlp.down_proj", 2.0}, {"p_proj", 100.0}};
+  const std::vector<PeftModule> modules = {module(0, K, 4, 3.0),    module(0, Q, 4, 5.0),   module(1, Q, 4, 5.0),
+                                           module(0, DOWN, 4, 3.0), module(1, DOWN, 4, 1.0), module(0, UP, 4, 3.0)};
   const Run run = convert(config, tensors_of(modules));
   ASSERT_EQ(run.status, 0) << run.err;
   expect_file(model_dir() / "qmodel.lora", modules, 4);
@@ -236,8 +236,12 @@ TEST_F(PeftAdapter, ConfigsAskingForMoreThanTwoFactorsAreRefused) {
   expect_refusal(with("rank_pattern", {{"q_proj", 2}, {"layers.0.self_attn.q_proj", 3}}), tensors,
                  file + ": rank_pattern keys 'layers.0.self_attn.q_proj' and 'q_proj' both match "
                         "model.layers.0.self_attn.q_proj with different values");
-  expect_refusal(with("alpha_pattern", {{"q_proj(", 1}}), tensors,
-                 file + ": alpha_pattern key 'q_proj(' is not a regular expression");
+  expect_refusal(with("alpha_pattern", {{".*q_proj", 1}}), tensors,
+                 file + ": alpha_pattern key '.*q_proj' is a regular expression; name the modules instead (e.g. "
+                        "q_proj or model.layers.0.self_attn.q_proj)");
+  expect_refusal(with("rank_pattern", {{"q_proj", 0}}), tensors,
+                 file + ": rank_pattern gives model.layers.0.self_attn.q_proj rank 0; a rank is a whole number of "
+                        "1 or more");
   InitConfig unknown = tiny_model();
   unknown.arch_type = 9;
   tools::write_init_text(model_dir() / "init.txt", unknown);
