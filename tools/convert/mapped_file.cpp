@@ -55,4 +55,27 @@ MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
   return *this;
 }
 
+namespace {
+
+// The whole pages inside `bytes` (a page shared with a neighbour is left alone).
+std::span<std::uint8_t> whole_pages(std::span<const std::uint8_t> bytes) {
+  static const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const auto begin = (reinterpret_cast<std::uintptr_t>(bytes.data()) + page - 1) / page * page;
+  const auto end = (reinterpret_cast<std::uintptr_t>(bytes.data()) + bytes.size()) / page * page;
+  if (end <= begin) return {};
+  return {reinterpret_cast<std::uint8_t*>(begin), end - begin};
+}
+
+}  // namespace
+
+void prefetch_pages(std::span<const std::uint8_t> bytes) {
+  const std::span<std::uint8_t> pages = whole_pages(bytes);
+  if (!pages.empty()) ::madvise(pages.data(), pages.size(), MADV_POPULATE_READ);
+}
+
+void release_pages(std::span<const std::uint8_t> bytes) {
+  const std::span<std::uint8_t> pages = whole_pages(bytes);
+  if (!pages.empty()) ::madvise(pages.data(), pages.size(), MADV_DONTNEED);
+}
+
 }  // namespace quorvel::convert

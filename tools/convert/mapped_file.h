@@ -27,4 +27,12 @@ class MappedFile {
   std::size_t size_ = 0;
 };
 
+// Advice on a stretch of a mapped file, for reading it once: fault it in
+// with one call before reading, and give its pages back once read (they
+// stay in the page cache), so that converting a model holds one tensor of
+// its input at a time instead of all of it. Both are hints; errors are
+// ignored.
+void prefetch_pages(std::span<const std::uint8_t> bytes);
+void release_pages(std::span<const std::uint8_t> bytes);
+
 }  // namespace quorvel::convert

@@ -7,6 +7,7 @@
 
 #include "runtime/bf16.h"
 #include "tools/convert/convert_error.h"
+#include "tools/convert/mapped_file.h"
 #include "tools/convert/source_matrix.h"
 #include "tools/lib/model_file_writer.h"
 
@@ -195,6 +196,7 @@ ConversionReport ModelConversion::write(const std::filesystem::path& file, Progr
   tools::BinaryWriter out(file);
   tools::write_model_header(out, checkpoint_.config.arch_type, {});
   for (const Job& job : jobs_) {
+    prefetch_pages(job.tensor->data);
     const SourceMatrix matrix(*job.tensor, job.tensor_scale, job.row_order);
     if (job.element_order.empty()) {
       const std::optional<double> gamma = write_matrix(matrix, job.format, out, report.narrowing);
@@ -205,6 +207,7 @@ ConversionReport ModelConversion::write(const std::filesystem::path& file, Progr
     } else {
       write_reordered_row(matrix, job.element_order, out);
     }
+    release_pages(job.tensor->data);
     report.parameters += matrix.rows() * matrix.cols();
     report.input_bytes += job.tensor->data.size();
     ++report.tensors;
