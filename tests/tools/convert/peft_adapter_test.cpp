@@ -21,27 +21,14 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using tools::testing::read_file;
+using tools::testing::small_config;
 using tools::testing::TempDir;
 using tools::testing::value_at;
 
-// Widths that all differ: hidden 16, attention 24 (3 heads of 8), K/V 8, FFN 40.
-InitConfig tiny_model() {
-  InitConfig config;
-  config.arch_type = 6;
-  config.hidden_dim = 16;
-  config.intermediate_dim = 40;
-  config.num_layers = 2;
-  config.num_heads = 3;
-  config.num_kv_heads = 1;
-  config.head_dim = 8;
-  config.vocab_size = 10;
-  config.max_position_embeddings = 8;
-  return config;
-}
-
-// (in, out) and PEFT module of the records K, V, Q, O, gate, up, down.
+// (in, out) and PEFT module of the records K, V, Q, O, gate, up, down, for
+// small_config (a model of two layers).
 constexpr std::array<std::pair<std::uint64_t, std::uint64_t>, 7> kShapes = {
-    {{16, 8}, {16, 8}, {16, 24}, {24, 16}, {16, 40}, {16, 40}, {40, 16}}};
+    {{256, 128}, {256, 128}, {256, 512}, {512, 256}, {256, 384}, {256, 384}, {384, 256}}};
 const std::array<std::string, 7> kModules = {"self_attn.k_proj", "self_attn.v_proj", "self_attn.q_proj",
                                              "self_attn.o_proj", "mlp.gate_proj",    "mlp.up_proj",
                                              "mlp.down_proj"};
@@ -147,7 +134,7 @@ class PeftAdapter : public ::testing::Test {
   PeftAdapter() {
     fs::create_directories(model_dir());
     fs::create_directories(adapter_dir());
-    tools::write_init_text(model_dir() / "init.txt", tiny_model());
+    tools::write_init_text(model_dir() / "init.txt", small_config(6));
   }
   fs::path model_dir() const { return dir_.path() / "model"; }
   fs::path adapter_dir() const { return dir_.path() / "adapter"; }
@@ -242,7 +229,7 @@ TEST_F(PeftAdapter, ConfigsAskingForMoreThanTwoFactorsAreRefused) {
   expect_refusal(with("rank_pattern", {{"q_proj", 0}}), tensors,
                  file + ": rank_pattern gives model.layers.0.self_attn.q_proj rank 0; a rank is a whole number of "
                         "1 or more");
-  InitConfig unknown = tiny_model();
+  InitConfig unknown = small_config(6);
   unknown.arch_type = 9;
   tools::write_init_text(model_dir() / "init.txt", unknown);
   expect_refusal(lora_config(4, 8.0), tensors, (model_dir() / "init.txt").string() + ": Unknown architecture type: 9");
@@ -271,12 +258,12 @@ TEST_F(PeftAdapter, TensorsTheFileCannotHoldAreRefused) {
                  file + ": tensor " + layer_2 + " is for layer 2, but the model has 2 layers");
   expect_refusal(config, edited(0, [](TensorBytes& t) { t.dtype = "I8", t.bytes.resize(t.bytes.size() / 4); }),
                  file + ": tensor " + q_a + " has dtype I8; LoRA factors must be F32, F16 or BF16");
-  expect_refusal(config, edited(0, [](TensorBytes& t) { t.shape = {4, 15}, t.bytes.resize(4 * 15 * 4); }),
-                 file + ": tensor " + q_a + " has shape [4, 15], expected [4, 16] (rank from adapter_config.json, "
-                                            "16 -> 24 projection of the model)");
+  expect_refusal(config, edited(0, [](TensorBytes& t) { t.shape = {4, 255}, t.bytes.resize(4 * 255 * 4); }),
+                 file + ": tensor " + q_a + " has shape [4, 255], expected [4, 256] (rank from adapter_config.json, "
+                                            "256 -> 512 projection of the model)");
   expect_refusal(config, tensors_of({module(0, Q, 2, 4.0)}),
-                 file + ": tensor " + q_a + " has shape [2, 16], expected [4, 16] (rank from adapter_config.json, "
-                                            "16 -> 24 projection of the model)");
+                 file + ": tensor " + q_a + " has shape [2, 256], expected [4, 256] (rank from adapter_config.json, "
+                                            "256 -> 512 projection of the model)");
   expect_refusal(config, edited(1, [](TensorBytes& t) { t.bytes.replace(20, 4, f32_bytes({NAN})); }),
                  file + ": tensor " + q_b + " holds a non-finite value");
   expect_refusal(config, {}, file + ": holds no LoRA factors");
