@@ -1,7 +1,8 @@
 // Writes the seed corpora of the harnesses into <dir>/<harness>/, with the
 // same file writers the tests use: init texts, model files, RoPE caches and
-// LoRA adapters of small models of every architecture, and request texts
-// like the end-to-end tests send.
+// LoRA adapters of small models of every architecture, request texts like
+// the end-to-end tests send, and safetensors and GGUF checkpoints.
+#include <bit>
 #include <cstdint>
 #include <exception>
 #include <filesystem>
@@ -15,6 +16,7 @@
 #include "tools/lib/init_text_writer.h"
 #include "tools/lib/lora_file_writer.h"
 #include "tools/lib/model_file_writer.h"
+#include "tools/convert/checkpoint_files.h"
 #include "tools/lib/rope_cache_writer.h"
 
 namespace fs = std::filesystem;
@@ -181,6 +183,77 @@ void request_seeds(SeedWriter& seeds) {
   seeds.add("fuzz_requests", "empty-then-end", request({}) + "0\n");
 }
 
+std::vector<float> ramp(std::size_t count) {
+  std::vector<float> values(count);
+  for (std::size_t i = 0; i < count; ++i) values[i] = static_cast<float>(i % 9) * 0.25f - 1.0f;
+  return values;
+}
+
+void safetensors_seeds(SeedWriter& seeds) {
+  using namespace convert::testing;
+  seeds.add("fuzz_safetensors", "real",
+            safetensors_bytes({{"model.embed_tokens.weight", "BF16", {4, 8}, bf16_bytes(ramp(32))},
+                               {"model.norm.weight", "F32", {8}, f32_bytes(ramp(8))},
+                               {"lm_head.weight", "F16", {4, 8}, f16_bytes(ramp(32))}},
+                              {{"format", "pt"}}));
+  // Packed ternary: four rows a byte, codes 0..2, and a scale beside it.
+  seeds.add("fuzz_safetensors", "packed",
+            safetensors_bytes({{"model.layers.0.self_attn.q_proj.weight", "U8", {2, 8}, std::string(16, '\x24')},
+                               {"model.layers.0.self_attn.q_proj.weight_scale", "BF16", {1}, bf16_bytes({0.5f})},
+                               {"bias", "I8", {3}, "\x01\xff\x7f"},
+                               {"steps", "I64", {2}, std::string(16, '\0')}}));
+}
+
+// Metadata of every value kind and the keys the converter reads.
+convert::testing::GgufBuilder gguf_metadata() {
+  using namespace convert::testing;
+  using quorvel::testing::ByteWriter;
+  GgufBuilder gguf;
+  gguf.str("general.architecture", "qwen3")
+      .u32("qwen3.context_length", 4096)
+      .u32("qwen3.embedding_length", 128)
+      .u64("qwen3.block_count", 1)
+      .f32("qwen3.attention.layer_norm_rms_epsilon", 1e-6f)
+      .boolean("general.flag", true)
+      .raw("general.u8", GGUF_U8, ByteWriter().u8(7).bytes())
+      .raw("general.i16", GGUF_I16, ByteWriter().u16(0xfffe).bytes())
+      .raw("general.i64", GGUF_I64, ByteWriter().u64(static_cast<std::uint64_t>(-5)).bytes())
+      .raw("general.f64", GGUF_F64, ByteWriter().u64(std::bit_cast<std::uint64_t>(1.0)).bytes())
+      .str("tokenizer.ggml.model", "gpt2")
+      .strings("tokenizer.ggml.tokens", {"a", "b", "ab", "<|end|>"})
+      .strings("tokenizer.ggml.merges", {"a b"})
+      .i32s("tokenizer.ggml.token_type", {1, 1, 1, 3})
+      .f32s("tokenizer.ggml.scores", {0.0f, 0.0f, -1.0f, 0.0f})
+      .raw("general.bools", GGUF_ARRAY, ByteWriter().u32(GGUF_BOOL).u64(2).u8(1).u8(0).bytes())
+      .u32("tokenizer.ggml.eos_token_id", 3);
+  return gguf;
+}
+
+void gguf_seeds(SeedWriter& seeds) {
+  using namespace convert::testing;
+  // Every block type with bytes 0x3c: finite f16 and f32 scales, codes 0..3.
+  const std::vector<TensorBytes> tensors = {
+      {"token_embd.weight", "", {4, 8}, f32_bytes(ramp(32)), GGML_F32},
+      {"output_norm.weight", "", {8}, f16_bytes(ramp(8)), GGML_F16},
+      {"blk.0.attn_norm.weight", "", {8}, bf16_bytes(ramp(8)), GGML_BF16},
+      {"blk.0.attn_q.weight", "", {2, 128}, std::string(36, '\x3c'), GGML_Q1_0},
+      {"blk.0.attn_k.weight", "", {2, 64}, std::string(36, '\x3c'), GGML_Q2_0},
+      {"blk.0.attn_v.weight", "", {1, 64}, std::string(68, '\x3c'), GGML_Q8_0},
+      {"blk.0.attn_output.weight", "", {1, 256}, std::string(66, '\x3c'), GGML_TQ2_0},
+      {"blk.0.ffn_up.weight", "", {2, 128}, std::string(96, '\x3c'), GGML_I2_S},
+      {"blk.0.ffn_gate.weight", "", {1, 256}, std::string(144, '\x3c'), 12},  // Q4_K: listed, not read
+      {"blk.0.ffn_down.weight", "", {3}, std::string("\x01\xff\x7f"), 24},   // I8
+  };
+  GgufBuilder every_type = gguf_metadata();
+  for (const TensorBytes& t : tensors) every_type.tensor(t);
+  seeds.add("fuzz_gguf", "every-type", every_type.bytes());
+  GgufBuilder aligned = gguf_metadata();
+  aligned.u32("general.alignment", 64);
+  for (std::size_t i = 0; i < 4; ++i) aligned.tensor(tensors[i]);
+  seeds.add("fuzz_gguf", "v2-aligned-64", aligned.bytes(2, 64));
+  seeds.add("fuzz_gguf", "metadata-only", gguf_metadata().bytes());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -196,6 +269,8 @@ int main(int argc, char** argv) {
     rope_seeds(seeds);
     lora_seeds(seeds);
     request_seeds(seeds);
+    safetensors_seeds(seeds);
+    gguf_seeds(seeds);
   } catch (const std::exception& e) {
     std::cerr << "fuzz_make_seeds: " << e.what() << "\n";
     return 1;
