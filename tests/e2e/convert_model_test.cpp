@@ -160,7 +160,9 @@ std::string converted_bytes(const PayloadObject& o, Form form) {
 
 std::string expected_file(const Case& c, const Reference& ref) {
   std::string file = ref.file;
-  for (const PayloadObject& o : ref.objects) file.replace(o.offset, o.bytes.size(), converted_bytes(o, form_of(o, c.recipe)));
+  for (const PayloadObject& o : ref.objects) {
+    file.replace(o.offset, o.bytes.size(), converted_bytes(o, form_of(o, c.recipe)));
+  }
   return file;
 }
 

@@ -17,13 +17,10 @@ bool starts_with_gguf_magic(const std::filesystem::path& file) {
 
 void check_shapes(const Checkpoint& checkpoint) {
   const InitConfig& c = checkpoint.config;
-  const std::pair<const char*, std::uint64_t> counts[] = {{"hidden size", c.hidden_dim},
-                                                          {"intermediate size", c.intermediate_dim},
-                                                          {"layer count", c.num_layers},
-                                                          {"head count", c.num_heads},
-                                                          {"key/value head count", c.num_kv_heads},
-                                                          {"vocabulary size", c.vocab_size},
-                                                          {"head dimension", c.head_dim}};
+  const std::pair<const char*, std::uint64_t> counts[] = {
+      {"hidden size", c.hidden_dim}, {"intermediate size", c.intermediate_dim}, {"layer count", c.num_layers},
+      {"head count", c.num_heads},   {"key/value head count", c.num_kv_heads},  {"vocabulary size", c.vocab_size},
+      {"head dimension", c.head_dim}};
   for (const auto& [what, value] : counts) {
     if (value == 0) throw ConvertError(checkpoint.origin, std::string(what) + " is 0");
   }
@@ -61,12 +58,15 @@ void finish_checkpoint(Checkpoint& checkpoint, const ModelExtras& extras, const 
   if (extras.rope_scaling) checkpoint.rope_note = describe_rope_scaling(*extras.rope_scaling);
   if (!extras.rope_divisors.empty()) {
     if (extras.rope_divisors.size() != c.head_dim / 2) {
-      throw ConvertError(checkpoint.origin, "per-frequency rope factors: " + std::to_string(extras.rope_divisors.size()) +
-                                                " values for a head dimension of " + std::to_string(c.head_dim));
+      throw ConvertError(checkpoint.origin,
+                         "per-frequency rope factors: " + std::to_string(extras.rope_divisors.size()) +
+                             " values for a head dimension of " + std::to_string(c.head_dim));
     }
-    checkpoint.rope_note += (checkpoint.rope_note.empty() ? "" : "; ") + std::string("per-frequency rope factors baked into rope.cache");
+    checkpoint.rope_note +=
+        (checkpoint.rope_note.empty() ? "" : "; ") + std::string("per-frequency rope factors baked into rope.cache");
   }
-  checkpoint.rope_frequencies = scaled_rope_frequencies(c.head_dim, c.rope_theta, extras.rope_scaling, extras.rope_divisors);
+  checkpoint.rope_frequencies =
+      scaled_rope_frequencies(c.head_dim, c.rope_theta, extras.rope_scaling, extras.rope_divisors);
 }
 
 std::int32_t qwen3_arch(const ConvertOptions& options, std::vector<std::string>& notes) {

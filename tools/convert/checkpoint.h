@@ -33,7 +33,7 @@ enum class ScaleConvention {
 // Tensor names of one checkpoint family.
 struct TensorNaming {
   std::string embedding, output, final_norm;
-  std::string layer_prefix;  // "model.layers." or "blk."
+  std::string layer_prefix;                         // "model.layers." or "blk."
   std::string (*slot_name)(tools::LayerSlot slot);  // "self_attn.q_proj" / "attn_q"
   std::string weight_suffix = ".weight", bias_suffix = ".bias", scale_suffix = ".weight_scale";
 
@@ -53,7 +53,7 @@ struct Checkpoint {
   TensorNaming naming;
   bool permuted_qk = false;  // Q and K rows interleaved per head (GGUF "llama")
   ScaleConvention scale_convention = ScaleConvention::DIVIDE;
-  std::vector<std::string> notes;       // said before converting
+  std::vector<std::string> notes;  // said before converting
   // Puts the tokenizer files into a model directory; returns one line that
   // says what it did.
   std::function<std::string(const std::filesystem::path& dir)> export_tokenizer;

@@ -37,14 +37,17 @@ struct CommandLine {
 };
 
 const char* arch_name(std::int32_t arch) {
-  constexpr const char* kNames[] = {"", "BitNet, ternary", "Llama, ternary", "Llama, ternary",
-                                    "Qwen3, q1_0_128", "Qwen3, q1.58", "Qwen3, bf16 (q8_0 in memory)"};
+  constexpr const char* kNames[] = {"",
+                                    "BitNet, ternary",
+                                    "Llama, ternary",
+                                    "Llama, ternary",
+                                    "Qwen3, q1_0_128",
+                                    "Qwen3, q1.58",
+                                    "Qwen3, bf16 (q8_0 in memory)"};
   return arch >= 1 && arch <= 6 ? kNames[arch] : "unknown";
 }
 
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 std::string id_list(const InitConfig& c) {
   std::string text;
@@ -57,8 +60,8 @@ void print_summary(std::ostream& out, const Checkpoint& checkpoint, const Conver
   const InitConfig& c = checkpoint.config;
   const double bits = 8.0 * static_cast<double>(report.output_bytes) / static_cast<double>(report.parameters);
   out << "Converted " << checkpoint.origin.string() << " into " << destination.string() << " in " << std::fixed
-      << std::setprecision(1) << seconds << " s (" << format_bytes(static_cast<std::uint64_t>(
-                                                         static_cast<double>(report.input_bytes) / seconds))
+      << std::setprecision(1) << seconds << " s ("
+      << format_bytes(static_cast<std::uint64_t>(static_cast<double>(report.input_bytes) / seconds))
       << "/s of input)\n";
   out << "  architecture      " << c.arch_type << " (" << arch_name(c.arch_type) << "; from " << checkpoint.description
       << ")\n";
@@ -75,10 +78,10 @@ void print_summary(std::ostream& out, const Checkpoint& checkpoint, const Conver
         << report.narrowing.largest_relative_change << " (" << report.narrowing.tensor << ")\n";
   }
   out << std::defaultfloat << std::setprecision(6);
-  out << "  context           " << c.max_position_embeddings << " positions (the model's own: "
-      << checkpoint.native_context << "; --max-context caps it)\n";
-  out << "  rope              theta " << c.rope_theta << (checkpoint.rope_note.empty() ? "" : "; ") << checkpoint.rope_note
-      << "\n";
+  out << "  context           " << c.max_position_embeddings
+      << " positions (the model's own: " << checkpoint.native_context << "; --max-context caps it)\n";
+  out << "  rope              theta " << c.rope_theta << (checkpoint.rope_note.empty() ? "" : "; ")
+      << checkpoint.rope_note << "\n";
   out << "  eos tokens        " << id_list(c) << "\n";
   if (!report.unused_tensors.empty()) {
     out << "  not used          " << report.unused_tensors.size() << " tensors of the checkpoint, e.g. "

@@ -42,8 +42,8 @@ std::int32_t qwen3_arch_of(SourceType type, const GgufContents& gguf, const Conv
   if (type == SourceType::F16 || type == SourceType::BF16 || type == SourceType::F32 || type == SourceType::Q8_0) {
     return qwen3_arch(options, notes);
   }
-  throw ConvertError(gguf.metadata.file(), "qwen3 projections of type " + first_query(gguf).type_name +
-                                               " are not supported; " + kSupported);
+  throw ConvertError(gguf.metadata.file(),
+                     "qwen3 projections of type " + first_query(gguf).type_name + " are not supported; " + kSupported);
 }
 
 // The architecture code of the file, or ConvertError.
@@ -53,10 +53,11 @@ std::int32_t arch_of(const std::string& name, const GgufContents& gguf, const Co
   if (name == "qwen3") return qwen3_arch_of(query_type, gguf, options, notes);
   const path& file = gguf.metadata.file();
   if (options.to) throw ConvertError(file, "--to applies to qwen3 files only, not " + name);
-  if (name != "bitnet" && name != "llama") throw ConvertError(file, "architecture '" + name + "' is not supported; " + kSupported);
+  if (name != "bitnet" && name != "llama")
+    throw ConvertError(file, "architecture '" + name + "' is not supported; " + kSupported);
   if (!is_ternary(query_type)) {
-    throw ConvertError(file, name + " projections of type " + first_query(gguf).type_name + " are not supported; " +
-                                 kSupported);
+    throw ConvertError(
+        file, name + " projections of type " + first_query(gguf).type_name + " are not supported; " + kSupported);
   }
   return name == "bitnet" ? 1 : 2;
 }
@@ -101,7 +102,8 @@ std::vector<float> rope_divisors(const GgufContents& gguf) {
 
 std::vector<std::int64_t> eos_tokens(const GgufMetadata& meta) {
   std::vector<std::int64_t> ids;
-  for (const char* key : {"tokenizer.ggml.eos_token_id", "tokenizer.ggml.eot_token_id", "tokenizer.ggml.eom_token_id"}) {
+  for (const char* key :
+       {"tokenizer.ggml.eos_token_id", "tokenizer.ggml.eot_token_id", "tokenizer.ggml.eom_token_id"}) {
     const std::optional<std::uint64_t> id = meta.get_uint(key);
     if (id && std::find(ids.begin(), ids.end(), static_cast<std::int64_t>(*id)) == ids.end()) {
       ids.push_back(static_cast<std::int64_t>(*id));
@@ -110,7 +112,9 @@ std::vector<std::int64_t> eos_tokens(const GgufMetadata& meta) {
   return ids;
 }
 
-TensorNaming gguf_naming() { return {"token_embd.weight", "output.weight", "output_norm.weight", "blk.", gguf_slot_name}; }
+TensorNaming gguf_naming() {
+  return {"token_embd.weight", "output.weight", "output_norm.weight", "blk.", gguf_slot_name};
+}
 
 }  // namespace
 
@@ -136,7 +140,9 @@ Checkpoint open_gguf_checkpoint(const path& file, const ConvertOptions& options)
   extras.rope_scaling = rope_scaling_of(contents.metadata, *arch);
   extras.rope_divisors = rope_divisors(contents);
   checkpoint.storage = gguf;
-  checkpoint.export_tokenizer = [gguf](const path& to) { return write_gguf_tokenizer(gguf->contents.metadata, to).note; };
+  checkpoint.export_tokenizer = [gguf](const path& to) {
+    return write_gguf_tokenizer(gguf->contents.metadata, to).note;
+  };
   finish_checkpoint(checkpoint, extras, options);
   return checkpoint;
 }

@@ -35,29 +35,46 @@ struct TensorType {
 };
 
 constexpr TensorType kTensorTypes[] = {
-    {0, SourceType::F32, "F32", 1},               {1, SourceType::F16, "F16", 1},
-    {30, SourceType::BF16, "BF16", 1},            {8, SourceType::Q8_0, "Q8_0", 32},
-    {41, SourceType::Q1_0, "Q1_0", 128},          {42, SourceType::Q2_0, "Q2_0", 64},
-    {35, SourceType::TQ2_0, "TQ2_0", 256},        {36, SourceType::I2_S, "I2_S", 128},
-    {24, SourceType::I8, "I8", 1},                {2, SourceType::UNSUPPORTED, "Q4_0", 0},
-    {3, SourceType::UNSUPPORTED, "Q4_1", 0},      {6, SourceType::UNSUPPORTED, "Q5_0", 0},
-    {7, SourceType::UNSUPPORTED, "Q5_1", 0},      {9, SourceType::UNSUPPORTED, "Q8_1", 0},
-    {10, SourceType::UNSUPPORTED, "Q2_K", 0},     {11, SourceType::UNSUPPORTED, "Q3_K", 0},
-    {12, SourceType::UNSUPPORTED, "Q4_K", 0},     {13, SourceType::UNSUPPORTED, "Q5_K", 0},
-    {14, SourceType::UNSUPPORTED, "Q6_K", 0},     {15, SourceType::UNSUPPORTED, "Q8_K", 0},
-    {16, SourceType::UNSUPPORTED, "IQ2_XXS", 0},  {17, SourceType::UNSUPPORTED, "IQ2_XS", 0},
-    {18, SourceType::UNSUPPORTED, "IQ3_XXS", 0},  {19, SourceType::UNSUPPORTED, "IQ1_S", 0},
-    {20, SourceType::UNSUPPORTED, "IQ4_NL", 0},   {21, SourceType::UNSUPPORTED, "IQ3_S", 0},
-    {22, SourceType::UNSUPPORTED, "IQ2_S", 0},    {23, SourceType::UNSUPPORTED, "IQ4_XS", 0},
-    {25, SourceType::UNSUPPORTED, "I16", 0},      {26, SourceType::UNSUPPORTED, "I32", 0},
-    {27, SourceType::UNSUPPORTED, "I64", 0},      {28, SourceType::UNSUPPORTED, "F64", 0},
-    {29, SourceType::UNSUPPORTED, "IQ1_M", 0},    {34, SourceType::UNSUPPORTED, "TQ1_0", 0},
+    {0, SourceType::F32, "F32", 1},
+    {1, SourceType::F16, "F16", 1},
+    {30, SourceType::BF16, "BF16", 1},
+    {8, SourceType::Q8_0, "Q8_0", 32},
+    {41, SourceType::Q1_0, "Q1_0", 128},
+    {42, SourceType::Q2_0, "Q2_0", 64},
+    {35, SourceType::TQ2_0, "TQ2_0", 256},
+    {36, SourceType::I2_S, "I2_S", 128},
+    {24, SourceType::I8, "I8", 1},
+    {2, SourceType::UNSUPPORTED, "Q4_0", 0},
+    {3, SourceType::UNSUPPORTED, "Q4_1", 0},
+    {6, SourceType::UNSUPPORTED, "Q5_0", 0},
+    {7, SourceType::UNSUPPORTED, "Q5_1", 0},
+    {9, SourceType::UNSUPPORTED, "Q8_1", 0},
+    {10, SourceType::UNSUPPORTED, "Q2_K", 0},
+    {11, SourceType::UNSUPPORTED, "Q3_K", 0},
+    {12, SourceType::UNSUPPORTED, "Q4_K", 0},
+    {13, SourceType::UNSUPPORTED, "Q5_K", 0},
+    {14, SourceType::UNSUPPORTED, "Q6_K", 0},
+    {15, SourceType::UNSUPPORTED, "Q8_K", 0},
+    {16, SourceType::UNSUPPORTED, "IQ2_XXS", 0},
+    {17, SourceType::UNSUPPORTED, "IQ2_XS", 0},
+    {18, SourceType::UNSUPPORTED, "IQ3_XXS", 0},
+    {19, SourceType::UNSUPPORTED, "IQ1_S", 0},
+    {20, SourceType::UNSUPPORTED, "IQ4_NL", 0},
+    {21, SourceType::UNSUPPORTED, "IQ3_S", 0},
+    {22, SourceType::UNSUPPORTED, "IQ2_S", 0},
+    {23, SourceType::UNSUPPORTED, "IQ4_XS", 0},
+    {25, SourceType::UNSUPPORTED, "I16", 0},
+    {26, SourceType::UNSUPPORTED, "I32", 0},
+    {27, SourceType::UNSUPPORTED, "I64", 0},
+    {28, SourceType::UNSUPPORTED, "F64", 0},
+    {29, SourceType::UNSUPPORTED, "IQ1_M", 0},
+    {34, SourceType::UNSUPPORTED, "TQ1_0", 0},
     {39, SourceType::UNSUPPORTED, "MXFP4", 0},
 };
 
 TensorType tensor_type(std::uint32_t id) {
-  const auto found = std::find_if(std::begin(kTensorTypes), std::end(kTensorTypes),
-                                  [&](const TensorType& t) { return t.id == id; });
+  const auto found =
+      std::find_if(std::begin(kTensorTypes), std::end(kTensorTypes), [&](const TensorType& t) { return t.id == id; });
   return found != std::end(kTensorTypes) ? *found : TensorType{id, SourceType::UNSUPPORTED, nullptr, 0};
 }
 
@@ -259,9 +276,9 @@ SourceTensor placed(TensorInfo info, std::span<const std::uint8_t> data, std::ui
 }
 
 const char* kind_of(const GgufValue& value) {
-  static constexpr const char* kKinds[] = {"an unsigned integer", "a signed integer", "a real number",
-                                           "a boolean",           "a string",         "a list of strings",
-                                           "a list of integers",  "a list of real numbers"};
+  static constexpr const char* kKinds[] = {
+      "an unsigned integer", "a signed integer",   "a real number",         "a boolean", "a string",
+      "a list of strings",   "a list of integers", "a list of real numbers"};
   return kKinds[value.index()];
 }
 
@@ -303,8 +320,8 @@ std::optional<std::uint64_t> GgufMetadata::get_uint(std::string_view key) const 
   const std::int64_t* signed_value = std::get_if<std::int64_t>(value);
   if (!signed_value) wrong_kind(file_, key, *value, "an unsigned integer");
   if (*signed_value < 0) {
-    throw ConvertError(file_, "key '" + std::string(key) + "' is " + std::to_string(*signed_value) +
-                                  ", not an unsigned integer");
+    throw ConvertError(
+        file_, "key '" + std::string(key) + "' is " + std::to_string(*signed_value) + ", not an unsigned integer");
   }
   return static_cast<std::uint64_t>(*signed_value);
 }

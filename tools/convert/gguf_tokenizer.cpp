@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <cstdint>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <optional>
-#include <type_traits>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <variant>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "tools/convert/convert_error.h"
 
@@ -138,8 +137,8 @@ void check_unique_tokens(const GgufMetadata& metadata, const std::vector<std::st
     const auto [earlier, inserted] = first_id.emplace(tokens[id], id);
     if (!inserted) {
       refuse(metadata, kTokensKey,
-             "lists '" + tokens[id] + "' twice (ids " + std::to_string(earlier->second) + " and " +
-                 std::to_string(id) + ")");
+             "lists '" + tokens[id] + "' twice (ids " + std::to_string(earlier->second) + " and " + std::to_string(id) +
+                 ")");
     }
   }
 }
@@ -183,7 +182,7 @@ json merges_json(const GgufMetadata& metadata, const json& vocab) {
 }
 
 json added_token_fields(const std::string& content, bool special) {
-  return {{"content", content}, {"single_word", false}, {"lstrip", false},
+  return {{"content", content}, {"single_word", false},   {"lstrip", false},
           {"rstrip", false},    {"normalized", !special}, {"special", special}};
 }
 
@@ -302,8 +301,11 @@ TokenizerExport write_gguf_tokenizer(const GgufMetadata& metadata, const std::fi
   check_length(metadata, kScoresKey, tokens->size());
   check_unique_tokens(metadata, *tokens);
 
-  Tokenizer tokenizer{*split_rule_for(*metadata.get_string("tokenizer.ggml.pre")), *tokens, {},
-                      token_id(metadata, kBosKey, tokens->size()), token_id(metadata, kEosKey, tokens->size())};
+  Tokenizer tokenizer{*split_rule_for(*metadata.get_string("tokenizer.ggml.pre")),
+                      *tokens,
+                      {},
+                      token_id(metadata, kBosKey, tokens->size()),
+                      token_id(metadata, kEosKey, tokens->size())};
   tokenizer.added = added_tokens_of(metadata, tokenizer);
   const json document = tokenizer_json(metadata, tokenizer);
   const std::string tokenizer_text = json_text(metadata, document);

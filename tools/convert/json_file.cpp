@@ -64,7 +64,7 @@ std::optional<std::string> json_text(const json& object, const char* key, const 
 }
 
 std::optional<std::vector<std::int64_t>> json_ids(const json& object, const char* key,
-                                                   const std::filesystem::path& file) {
+                                                  const std::filesystem::path& file) {
   const json* value = present(object, key);
   if (!value) return std::nullopt;
   const json list = value->is_array() ? *value : json::array({*value});

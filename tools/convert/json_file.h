@@ -5,11 +5,10 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 namespace quorvel::convert {
 
@@ -28,7 +27,7 @@ std::optional<bool> json_flag(const json& object, const char* key, const std::fi
 std::optional<std::string> json_text(const json& object, const char* key, const std::filesystem::path& file);
 // An integer or a list of integers ("eos_token_id").
 std::optional<std::vector<std::int64_t>> json_ids(const json& object, const char* key,
-                                                   const std::filesystem::path& file);
+                                                  const std::filesystem::path& file);
 
 // The same, for keys that must be present.
 std::uint64_t required_count(const json& object, const char* key, const std::filesystem::path& file);

@@ -26,17 +26,15 @@ std::string shape_text(const std::vector<std::uint64_t>& shape) {
 }
 
 // Tensors a checkpoint may carry that the engine has no use for.
-bool ignorable(const std::string& name) {
-  return name == "rope_freqs.weight" || name.ends_with("rotary_emb.inv_freq");
-}
+bool ignorable(const std::string& name) { return name == "rope_freqs.weight" || name.ends_with("rotary_emb.inv_freq"); }
 
 }  // namespace
 
 struct ModelConversion::Job {
   const SourceTensor* tensor = nullptr;
   WeightFormat format = WeightFormat::BF16;
-  double tensor_scale = 0.0;                 // packed ternary: gamma from the weight_scale tensor
-  float weight_scale = 0.0f;                 // that tensor's value
+  double tensor_scale = 0.0;  // packed ternary: gamma from the weight_scale tensor
+  float weight_scale = 0.0f;  // that tensor's value
   const SourceTensor* scale_tensor = nullptr;
   std::vector<std::uint64_t> row_order;      // un-permuted Q and K rows
   std::vector<std::uint64_t> element_order;  // the same for their biases
@@ -105,7 +103,8 @@ class Planner {
   void read_weight_scale(ModelConversion::Job& job) {
     const std::string name = job.tensor->name + "_scale";
     job.scale_tensor = checkpoint_.tensors->find(name);
-    if (!job.scale_tensor) throw ConvertError(job.tensor->file, "packed ternary tensor " + job.tensor->name + " has no " + name);
+    if (!job.scale_tensor)
+      throw ConvertError(job.tensor->file, "packed ternary tensor " + job.tensor->name + " has no " + name);
     used_.insert(name);
     if (job.scale_tensor->elements() != 1 || job.scale_tensor->type == SourceType::UNSUPPORTED) {
       throw ConvertError(job.scale_tensor->file, "tensor " + name + " must hold one float scale");
@@ -169,7 +168,8 @@ ConversionPlanSize ModelConversion::size() const {
 
 namespace {
 
-void write_reordered_row(const SourceMatrix& vector, const std::vector<std::uint64_t>& order, tools::BinaryWriter& out) {
+void write_reordered_row(const SourceMatrix& vector, const std::vector<std::uint64_t>& order,
+                         tools::BinaryWriter& out) {
   std::vector<float> values(vector.cols());
   vector.real_row(0, values.data());
   std::vector<bf16> row(values.size());
@@ -179,9 +179,10 @@ void write_reordered_row(const SourceMatrix& vector, const std::vector<std::uint
 
 // Where a ternary gamma came from, for the summary.
 std::string gamma_origin(const ModelConversion::Job& job, ScaleConvention convention) {
-  if (!job.scale_tensor) return job.tensor->type == SourceType::I2_S || job.tensor->type == SourceType::TQ2_0
-                                    ? "the tensor's own scale"
-                                    : "absmean of the real weights";
+  if (!job.scale_tensor)
+    return job.tensor->type == SourceType::I2_S || job.tensor->type == SourceType::TQ2_0
+               ? "the tensor's own scale"
+               : "absmean of the real weights";
   std::ostringstream text;
   text << "weight_scale " << job.weight_scale
        << (convention == ScaleConvention::DIVIDE ? ", gamma = 1 / weight_scale (bitlinear)"

@@ -97,8 +97,8 @@ void refuse_unsupported(const AdapterConfig& config) {
   }
   const auto saved = config.keys.find("modules_to_save");
   if (saved != config.keys.end() && !saved->is_null() && !saved->empty()) {
-    throw ConvertError(file, "modules_to_save lists " + saved->dump() +
-                                 "; qmodel.lora has no place for whole trained modules");
+    throw ConvertError(
+        file, "modules_to_save lists " + saved->dump() + "; qmodel.lora has no place for whole trained modules");
   }
   refuse_target_modules(config);
 }
@@ -207,8 +207,8 @@ std::map<ModuleKey, Module> collect_modules(const SafetensorsCheckpoint& file, c
   for (const auto& [name, tensor] : file.tensors) {
     const auto parsed = parse_factor_name(name);
     if (!parsed) {
-      throw ConvertError(tensor.file, "tensor " + name + " is not the lora_A or lora_B weight of a layer's " +
-                                          kModuleList);
+      throw ConvertError(tensor.file,
+                         "tensor " + name + " is not the lora_A or lora_B weight of a layer's " + kModuleList);
     }
     const auto [key, is_b] = *parsed;
     if (key.first >= model.num_layers) {
@@ -235,18 +235,17 @@ void check_factor(const SourceTensor& tensor, const std::vector<std::uint64_t>& 
                                         "; LoRA factors must be F32, F16 or BF16");
   }
   if (tensor.shape != expected) {
-    throw ConvertError(tensor.file, "tensor " + tensor.name + " has shape " + shape_text(tensor.shape) +
-                                        ", expected " + shape_text(expected) + " (rank from adapter_config.json, " +
+    throw ConvertError(tensor.file, "tensor " + tensor.name + " has shape " + shape_text(tensor.shape) + ", expected " +
+                                        shape_text(expected) + " (rank from adapter_config.json, " +
                                         std::to_string(projection.in_width) + " -> " +
                                         std::to_string(projection.out_width) + " projection of the model)");
   }
 }
 
-void check_module(const ModuleKey& key, const Module& module, const LayerTensor& projection,
-                  const fs::path& file) {
+void check_module(const ModuleKey& key, const Module& module, const LayerTensor& projection, const fs::path& file) {
   if (!module.a || !module.b) {
-    throw ConvertError(file, "tensor " + tensor_name(key, !module.a) + " has no matching " +
-                                 tensor_name(key, !module.b));
+    throw ConvertError(file,
+                       "tensor " + tensor_name(key, !module.a) + " has no matching " + tensor_name(key, !module.b));
   }
   check_factor(*module.a, {module.rank, projection.in_width}, projection);
   check_factor(*module.b, {projection.out_width, module.rank}, projection);

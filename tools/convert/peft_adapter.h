@@ -13,8 +13,8 @@
 namespace quorvel::convert {
 
 struct AdapterSummary {
-  std::uint32_t rank = 0;          // the file's rank: the largest module rank
-  std::uint64_t modules = 0;       // target records written with factors
+  std::uint32_t rank = 0;            // the file's rank: the largest module rank
+  std::uint64_t modules = 0;         // target records written with factors
   std::uint64_t padded_modules = 0;  // of those, modules of a smaller rank padded with zero columns
 };
 

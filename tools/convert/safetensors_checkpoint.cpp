@@ -39,11 +39,13 @@ ScaleConvention scale_convention(const json& config, const path& file) {
   if (!quantization) return ScaleConvention::DIVIDE;
   const std::string linear_class = json_text(*quantization, "linear_class", file).value_or("bitlinear");
   if (linear_class == "bitlinear") return ScaleConvention::DIVIDE;
-  if (linear_class == "autobitlinear" && json_text(*quantization, "quantization_mode", file).value_or("offline") == "offline") {
+  if (linear_class == "autobitlinear" &&
+      json_text(*quantization, "quantization_mode", file).value_or("offline") == "offline") {
     return ScaleConvention::MULTIPLY;
   }
-  throw ConvertError(file, "quantization_config linear_class '" + linear_class +
-                               "' is not supported (supported: bitlinear, autobitlinear with quantization_mode offline)");
+  throw ConvertError(file,
+                     "quantization_config linear_class '" + linear_class +
+                         "' is not supported (supported: bitlinear, autobitlinear with quantization_mode offline)");
 }
 
 // The architecture code of `name`, or ConvertError.

@@ -18,21 +18,31 @@ constexpr std::uint64_t kLengthBytes = 8;
 
 struct Dtype {
   const char* name;
-  SourceType type;        // UNSUPPORTED: listed, sized, never read
+  SourceType type;      // UNSUPPORTED: listed, sized, never read
   std::uint64_t bytes;  // per element
 };
 
 constexpr Dtype kDtypes[] = {
-    {"F32", SourceType::F32, 4},          {"F16", SourceType::F16, 2},          {"BF16", SourceType::BF16, 2},
-    {"U8", SourceType::U8, 1},            {"I8", SourceType::I8, 1},            {"F64", SourceType::UNSUPPORTED, 8},
-    {"I64", SourceType::UNSUPPORTED, 8},  {"U64", SourceType::UNSUPPORTED, 8},  {"I32", SourceType::UNSUPPORTED, 4},
-    {"U32", SourceType::UNSUPPORTED, 4},  {"I16", SourceType::UNSUPPORTED, 2},  {"U16", SourceType::UNSUPPORTED, 2},
-    {"BOOL", SourceType::UNSUPPORTED, 1}, {"F8_E4M3", SourceType::UNSUPPORTED, 1},
+    {"F32", SourceType::F32, 4},
+    {"F16", SourceType::F16, 2},
+    {"BF16", SourceType::BF16, 2},
+    {"U8", SourceType::U8, 1},
+    {"I8", SourceType::I8, 1},
+    {"F64", SourceType::UNSUPPORTED, 8},
+    {"I64", SourceType::UNSUPPORTED, 8},
+    {"U64", SourceType::UNSUPPORTED, 8},
+    {"I32", SourceType::UNSUPPORTED, 4},
+    {"U32", SourceType::UNSUPPORTED, 4},
+    {"I16", SourceType::UNSUPPORTED, 2},
+    {"U16", SourceType::UNSUPPORTED, 2},
+    {"BOOL", SourceType::UNSUPPORTED, 1},
+    {"F8_E4M3", SourceType::UNSUPPORTED, 1},
     {"F8_E5M2", SourceType::UNSUPPORTED, 1},
 };
 
 const Dtype* find_dtype(const std::string& name) {
-  const auto found = std::find_if(std::begin(kDtypes), std::end(kDtypes), [&](const Dtype& d) { return name == d.name; });
+  const auto found =
+      std::find_if(std::begin(kDtypes), std::end(kDtypes), [&](const Dtype& d) { return name == d.name; });
   return found == std::end(kDtypes) ? nullptr : found;
 }
 
@@ -66,8 +76,8 @@ SourceTensor read_entry(const std::string& name, const json& entry, std::span<co
   tensor.shape = counts(entry, "shape", file, name);
   const std::vector<std::uint64_t> range = counts(entry, "data_offsets", file, name);
   if (range.size() != 2 || range[0] > range[1] || range[1] > data.size()) {
-    throw ConvertError(file, "tensor " + name + ": data_offsets lie outside the " + std::to_string(data.size()) +
-                                 "-byte data block");
+    throw ConvertError(
+        file, "tensor " + name + ": data_offsets lie outside the " + std::to_string(data.size()) + "-byte data block");
   }
   const Dtype* dtype = find_dtype(tensor.type_name);
   if (!dtype) throw ConvertError(file, "tensor " + name + ": unknown dtype '" + tensor.type_name + "'");
@@ -107,7 +117,8 @@ SafetensorsCheckpoint read_indexed(const path& dir, const path& index) {
   for (const auto& [name, shard] : weight_map.items()) {
     const SourceTensor* tensor = checkpoint.tensors.find(name);
     if (!tensor || tensor->file != dir / shard.get<std::string>()) {
-      throw ConvertError(index, "tensor " + name + " is not in " + shard.get<std::string>() + ", where weight_map puts it");
+      throw ConvertError(index,
+                         "tensor " + name + " is not in " + shard.get<std::string>() + ", where weight_map puts it");
     }
   }
   return checkpoint;

@@ -32,7 +32,8 @@ void tq2_0_codes(const std::uint8_t* block, std::uint8_t* codes) {
 
 void q2_0_codes(const std::uint8_t* block, std::uint8_t* codes) {
   const std::uint8_t* qs = block + 2;
-  for (std::uint64_t j = 0; j < kQ2_0Values; ++j) codes[j] = static_cast<std::uint8_t>((qs[j / 4] >> (2 * (j % 4))) & 3u);
+  for (std::uint64_t j = 0; j < kQ2_0Values; ++j)
+    codes[j] = static_cast<std::uint8_t>((qs[j / 4] >> (2 * (j % 4))) & 3u);
 }
 
 }  // namespace
@@ -64,47 +65,31 @@ bool SourceMatrix::has_codes() const {
     case SourceType::U8:
     case SourceType::I2_S:
     case SourceType::TQ2_0:
-    case SourceType::Q2_0:
-      return true;
-    default:
-      return false;
+    case SourceType::Q2_0: return true;
+    default: return false;
   }
 }
 
 std::uint64_t SourceMatrix::scale_run() const {
   switch (tensor_.type) {
     case SourceType::U8:
-    case SourceType::I2_S:
-      return cols_;
-    case SourceType::TQ2_0:
-      return kTQ2_0Values;
-    case SourceType::Q2_0:
-      return kQ2_0Values;
-    case SourceType::Q1_0:
-      return kQ1_0Values;
-    default:
-      return 0;
+    case SourceType::I2_S: return cols_;
+    case SourceType::TQ2_0: return kTQ2_0Values;
+    case SourceType::Q2_0: return kQ2_0Values;
+    case SourceType::Q1_0: return kQ1_0Values;
+    default: return 0;
   }
 }
 
 double SourceMatrix::scale(std::uint64_t r, std::uint64_t run) const {
   double value = 0.0;
   switch (tensor_.type) {
-    case SourceType::U8:
-      value = tensor_scale_;
-      break;
-    case SourceType::I2_S:
-      value = load_le<float>(tensor_.data.data() + tensor_.data.size() - kI2_SScaleBytes);
-      break;
-    case SourceType::TQ2_0:
-      value = half_at(stored_row(r) + run * kTQ2_0Bytes + kTQ2_0ScaleOffset);
-      break;
+    case SourceType::U8: value = tensor_scale_; break;
+    case SourceType::I2_S: value = load_le<float>(tensor_.data.data() + tensor_.data.size() - kI2_SScaleBytes); break;
+    case SourceType::TQ2_0: value = half_at(stored_row(r) + run * kTQ2_0Bytes + kTQ2_0ScaleOffset); break;
     case SourceType::Q2_0:
-    case SourceType::Q1_0:
-      value = half_at(stored_row(r) + run * kQ2_0Bytes);
-      break;
-    default:
-      break;
+    case SourceType::Q1_0: value = half_at(stored_row(r) + run * kQ2_0Bytes); break;
+    default: break;
   }
   check_finite(value, r);
   return value;
@@ -124,7 +109,8 @@ void SourceMatrix::code_row(std::uint64_t r, std::uint8_t* codes) const {
       codes[c] = static_cast<std::uint8_t>(formats::ternary_code(row + c / 128 * 32, c % 128));
     }
   } else if (tensor_.type == SourceType::TQ2_0) {
-    for (std::uint64_t b = 0; b < cols_ / kTQ2_0Values; ++b) tq2_0_codes(row + b * kTQ2_0Bytes, codes + b * kTQ2_0Values);
+    for (std::uint64_t b = 0; b < cols_ / kTQ2_0Values; ++b)
+      tq2_0_codes(row + b * kTQ2_0Bytes, codes + b * kTQ2_0Values);
   } else {
     for (std::uint64_t b = 0; b < cols_ / kQ2_0Values; ++b) q2_0_codes(row + b * kQ2_0Bytes, codes + b * kQ2_0Values);
   }
@@ -159,8 +145,7 @@ void SourceMatrix::real_row(std::uint64_t r, float* out) const {
         for (std::uint64_t j = 0; j < kQ1_0Values; ++j) *out++ = ((signs[j / 8] >> (j % 8)) & 1u) ? d : -d;
       }
       return;
-    default:
-      break;
+    default: break;
   }
   std::vector<std::uint8_t> codes(cols_);
   code_row(r, codes.data());

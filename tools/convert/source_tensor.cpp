@@ -16,26 +16,18 @@ struct Storage {
 
 std::optional<Storage> storage_of(SourceType type) {
   switch (type) {
-    case SourceType::F32:
-      return Storage{1, 4};
+    case SourceType::F32: return Storage{1, 4};
     case SourceType::F16:
-    case SourceType::BF16:
-      return Storage{1, 2};
+    case SourceType::BF16: return Storage{1, 2};
     case SourceType::U8:
-    case SourceType::I8:
-      return Storage{1, 1};
-    case SourceType::Q8_0:
-      return Storage{32, 34};
-    case SourceType::Q1_0:
-      return Storage{128, 18};
-    case SourceType::Q2_0:
-      return Storage{64, 18};
-    case SourceType::TQ2_0:
-      return Storage{256, 66};
+    case SourceType::I8: return Storage{1, 1};
+    case SourceType::Q8_0: return Storage{32, 34};
+    case SourceType::Q1_0: return Storage{128, 18};
+    case SourceType::Q2_0: return Storage{64, 18};
+    case SourceType::TQ2_0: return Storage{256, 66};
     case SourceType::I2_S:  // 128-weight groups of 32 bytes, then a 32-byte scale trailer
       return Storage{128, 32, 32};
-    case SourceType::UNSUPPORTED:
-      break;
+    case SourceType::UNSUPPORTED: break;
   }
   return std::nullopt;
 }

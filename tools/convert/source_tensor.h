@@ -20,7 +20,7 @@ enum class SourceType : std::uint8_t {
   F32,
   F16,
   BF16,
-  U8,     // safetensors: packed ternary codes, four rows a byte
+  U8,  // safetensors: packed ternary codes, four rows a byte
   I8,
   Q8_0,   // GGUF: 32 values, f16 d then 32 int8
   Q1_0,   // GGUF: 128 values, f16 d then 16 bytes of signs, least significant bit first

@@ -23,7 +23,8 @@ constexpr std::uint64_t kBlockValues = 128;
 
 void note_narrowing(ScaleNarrowing& narrowing, const SourceMatrix& matrix, double source, bf16 narrowed) {
   if (source == 0.0) return;
-  const double change = std::fabs(std::fabs(static_cast<double>(widen(narrowed))) - std::fabs(source)) / std::fabs(source);
+  const double change =
+      std::fabs(std::fabs(static_cast<double>(widen(narrowed))) - std::fabs(source)) / std::fabs(source);
   if (change > narrowing.largest_relative_change) narrowing = {change, matrix.tensor().name};
 }
 
@@ -67,7 +68,8 @@ double absmean_scale(const SourceMatrix& matrix) {
 void codes_of_real_row(const SourceMatrix& matrix, std::uint64_t r, double gamma, std::vector<float>& real,
                        std::uint8_t* codes) {
   matrix.real_row(r, real.data());
-  for (std::size_t c = 0; c < real.size(); ++c) codes[c] = static_cast<std::uint8_t>(formats::ternary_code_for(real[c] / gamma));
+  for (std::size_t c = 0; c < real.size(); ++c)
+    codes[c] = static_cast<std::uint8_t>(formats::ternary_code_for(real[c] / gamma));
 }
 
 double write_ternary(const SourceMatrix& matrix, tools::BinaryWriter& out) {
@@ -106,7 +108,8 @@ void write_q1_0(const SourceMatrix& matrix, tools::BinaryWriter& out, ScaleNarro
   for (std::uint64_t r = 0; r < matrix.rows(); ++r) {
     matrix.real_row(r, real.data());
     formats::quantize_q1_0(real.data(), real.size(), blocks.data());
-    for (std::size_t b = 0; q1_0_source && b < blocks.size(); ++b) note_narrowing(narrowing, matrix, matrix.scale(r, b), blocks[b].d);
+    for (std::size_t b = 0; q1_0_source && b < blocks.size(); ++b)
+      note_narrowing(narrowing, matrix, matrix.scale(r, b), blocks[b].d);
     out.write_values(std::span<const BlockQ1_0>(blocks));
   }
 }
@@ -150,17 +153,10 @@ void write_q1_58(const SourceMatrix& matrix, tools::BinaryWriter& out, ScaleNarr
 std::optional<double> write_matrix(const SourceMatrix& matrix, tools::WeightFormat format, tools::BinaryWriter& out,
                                    ScaleNarrowing& narrowing) {
   switch (format) {
-    case tools::WeightFormat::TERNARY:
-      return write_ternary(matrix, out);
-    case tools::WeightFormat::Q1_0:
-      write_q1_0(matrix, out, narrowing);
-      break;
-    case tools::WeightFormat::Q1_58:
-      write_q1_58(matrix, out, narrowing);
-      break;
-    case tools::WeightFormat::BF16:
-      write_bf16(matrix, out);
-      break;
+    case tools::WeightFormat::TERNARY: return write_ternary(matrix, out);
+    case tools::WeightFormat::Q1_0: write_q1_0(matrix, out, narrowing); break;
+    case tools::WeightFormat::Q1_58: write_q1_58(matrix, out, narrowing); break;
+    case tools::WeightFormat::BF16: write_bf16(matrix, out); break;
   }
   return std::nullopt;
 }

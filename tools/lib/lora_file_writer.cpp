@@ -14,8 +14,7 @@
 
 namespace quorvel::tools {
 
-const std::array<std::string_view, kLoraTargetCount> kLoraTargetNames = {"k",    "v",    "q",   "o",
-                                                                          "ffn1", "ffn2", "down"};
+const std::array<std::string_view, kLoraTargetCount> kLoraTargetNames = {"k", "v", "q", "o", "ffn1", "ffn2", "down"};
 
 namespace {
 

@@ -77,7 +77,8 @@ inline std::string safetensors_bytes(const std::vector<TensorBytes>& tensors,
   if (!metadata.is_null()) header["__metadata__"] = metadata;
   std::string data;
   for (const TensorBytes& t : tensors) {
-    header[t.name] = {{"dtype", t.dtype}, {"shape", t.shape}, {"data_offsets", {data.size(), data.size() + t.bytes.size()}}};
+    header[t.name] = {
+        {"dtype", t.dtype}, {"shape", t.shape}, {"data_offsets", {data.size(), data.size() + t.bytes.size()}}};
     data += t.bytes;
   }
   const std::string text = header.dump();

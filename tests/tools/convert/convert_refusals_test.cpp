@@ -127,7 +127,8 @@ TEST_F(Refusals, BrokenSafetensorsFiles) {
       {"", "", "header length 0 is beyond the file's 8 bytes"},
       {R"({"t":)" + entry + "[0,8]}}", "1234", "tensor t: data_offsets lie outside the 4-byte data block"},
       {R"({"t":)" + entry + "[4,2]}}", "1234", "tensor t: data_offsets lie outside the 4-byte data block"},
-      {R"({"t":)" + entry + "[0,6]}}", "123456", "tensor t: dtype BF16 and its shape need 8 bytes, but data_offsets hold 6"},
+      {R"({"t":)" + entry + "[0,6]}}", "123456",
+       "tensor t: dtype BF16 and its shape need 8 bytes, but data_offsets hold 6"},
       {R"({"t":{"dtype":"F32","shape":[4611686018427387904,8],"data_offsets":[0,8]}})", "12345678",
        "tensor t: dtype F32 and its shape need more than 2^64 bytes, but data_offsets hold 8"},
       {R"({"t":{"dtype":"Q9","shape":[1],"data_offsets":[0,1]}})", "1", "tensor t: unknown dtype 'Q9'"},
@@ -162,8 +163,10 @@ TEST_F(Refusals, TensorsThatDisagreeWithTheConfig) {
 
   const std::string scale = "model.layers.0.self_attn.k_proj.weight_scale";
   for (const float bad : {std::numeric_limits<float>::infinity(), std::nanf(""), 0.0f}) {
-    bitnet_checkpoint([&](json&, std::vector<TensorBytes>& tensors) { named(tensors, scale).bytes = bf16_bytes({bad}); });
-    expect_refusal(dir, (dir / "model.safetensors").string() + ": tensor " + scale + " holds a zero or non-finite scale");
+    bitnet_checkpoint(
+        [&](json&, std::vector<TensorBytes>& tensors) { named(tensors, scale).bytes = bf16_bytes({bad}); });
+    expect_refusal(dir,
+                   (dir / "model.safetensors").string() + ": tensor " + scale + " holds a zero or non-finite scale");
   }
 
   bitnet_checkpoint([&](json&, std::vector<TensorBytes>& tensors) {
@@ -192,7 +195,8 @@ TEST_F(Refusals, WhatCannotBeConvertedExactlyIsNamed) {
                                "bitlinear, autobitlinear with quantization_mode offline)");
 
   bitnet_checkpoint([](json&, std::vector<TensorBytes>&) {});
-  expect_refusal(source(), config.string() + ": --to applies to Qwen3ForCausalLM checkpoints only, not BitNetForCausalLM",
+  expect_refusal(source(),
+                 config.string() + ": --to applies to Qwen3ForCausalLM checkpoints only, not BitNetForCausalLM",
                  {"--to", "q1.58"});
 
   bitnet_checkpoint([](json& c, std::vector<TensorBytes>& tensors) {

@@ -91,7 +91,9 @@ inline std::vector<PayloadObject> split_payload(const InitConfig& c, const std::
                          t.in_width);
       weight.is_norm = norm;
       take(weight);
-      if (t.has_bias) take(payload_object(PayloadObject::LAYER_BIAS, layer, t.slot, WeightFormat::BF16, 1, t.out_width));
+      if (t.has_bias) {
+        take(payload_object(PayloadObject::LAYER_BIAS, layer, t.slot, WeightFormat::BF16, 1, t.out_width));
+      }
     }
   }
   EXPECT_EQ(at, file.size()) << "the model file holds more or less than its objects";

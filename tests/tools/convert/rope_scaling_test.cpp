@@ -17,7 +17,8 @@ constexpr double kTheta = 500000.0;
 double unscaled(std::size_t k) { return std::pow(kTheta, -2.0 * static_cast<double>(k) / kHeadDim); }
 
 TEST(RopeScaling, LinearDividesEveryFrequencyAndFactorsDivideEachOne) {
-  const std::vector<double> linear = scaled_rope_frequencies(kHeadDim, kTheta, RopeScaling{.type = "linear", .factor = 4});
+  const std::vector<double> linear =
+      scaled_rope_frequencies(kHeadDim, kTheta, RopeScaling{.type = "linear", .factor = 4});
   std::vector<float> divisors(kHeadDim / 2);
   for (std::size_t k = 0; k < divisors.size(); ++k) divisors[k] = 1.0f + static_cast<float>(k);
   const std::vector<double> divided = scaled_rope_frequencies(kHeadDim, kTheta, std::nullopt, divisors);
