@@ -42,8 +42,12 @@ class BinaryWriter {
   std::uint64_t bytes_written() const { return bytes_written_; }
 
  private:
+  void flush();
+  void write_to_file(const char* data, std::size_t size);
+
   std::filesystem::path path_;
   std::vector<char> buffer_;
+  std::size_t buffered_ = 0;
   std::ofstream out_;
   std::uint64_t bytes_written_ = 0;
 };
