@@ -115,7 +115,10 @@ std::string copy_tokenizer_files(const path& from, const path& to) {
     if (error) throw ConvertError(from / name, "cannot be copied: " + error.message());
     copied += (copied.empty() ? "" : ", ") + std::string(name);
   }
-  if (copied.empty()) return "tokenizer: the checkpoint has no tokenizer files; bring its tokenizer.json yourself";
+  const std::string copied_text = copied.empty() ? "" : " (copied " + copied + ")";
+  if (!std::filesystem::exists(from / "tokenizer.json")) {
+    return "tokenizer: the checkpoint has no tokenizer.json; bring the model's own" + copied_text;
+  }
   return "tokenizer: copied " + copied;
 }
 
