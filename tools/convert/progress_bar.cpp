@@ -25,8 +25,14 @@ void ProgressBar::advance(std::uint64_t bytes) {
 }
 
 void ProgressBar::finish() {
-  draw();
-  if (redraw_) out_ << '\n';
+  // A log already has its line for the whole work; a terminal gets the
+  // final state and its line end.
+  if (redraw_) {
+    draw();
+    out_ << '\n';
+  } else if (last_tenth_ < 10) {
+    draw();
+  }
   out_.flush();
 }
 
