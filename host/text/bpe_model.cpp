@@ -1,6 +1,8 @@
 #include "host/text/bpe_model.h"
 
 #include <algorithm>
+#include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace quorvel::text {
@@ -30,31 +32,38 @@ bool after(const Candidate& a, const Candidate& b) {
 
 }  // namespace
 
-BpeModel::BpeModel(std::unordered_map<std::string, TokenId> vocab, bool ignore_merges)
-    : vocab_(std::move(vocab)), ignore_merges_(ignore_merges) {
+BpeModel::BpeModel(Vocabulary vocab, const std::vector<MergePair>& merges, bool ignore_merges)
+    : vocab_(std::move(vocab)), merges_(merges.size()), ignore_merges_(ignore_merges) {
+  find_byte_ids();
+  add_merges(merges);
+}
+
+void BpeModel::find_byte_ids() {
   for (unsigned byte = 0; byte < 256; ++byte) {
-    const auto found = vocab_.find(std::string(1, static_cast<char>(byte)));
-    byte_ids_[byte] = found == vocab_.end() ? -1 : found->second;
+    const char single = static_cast<char>(byte);
+    const auto found = vocab_.find(std::string_view(&single, 1));
+    if (found == vocab_.end()) {
+      throw std::invalid_argument("model.vocab has no token for byte " + std::to_string(byte) +
+                                  " (byte-level BPE needs all 256)");
+    }
+    byte_ids_[byte] = found->second;
   }
 }
 
-int BpeModel::missing_byte() const {
-  const auto missing = std::find(byte_ids_.begin(), byte_ids_.end(), -1);
-  return missing == byte_ids_.end() ? -1 : static_cast<int>(missing - byte_ids_.begin());
-}
-
-std::uint64_t BpeModel::pair_key(TokenId left, TokenId right) {
-  return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(left)) << 32) | static_cast<std::uint32_t>(right);
-}
-
-bool BpeModel::add_merge(const std::string& left, const std::string& right) {
-  const auto left_token = vocab_.find(left);
-  const auto right_token = vocab_.find(right);
-  const auto joined = vocab_.find(left + right);
-  if (left_token == vocab_.end() || right_token == vocab_.end() || joined == vocab_.end()) return false;
-  const auto rank = static_cast<std::int32_t>(merges_.size());
-  merges_.try_emplace(pair_key(left_token->second, right_token->second), Merge{rank, joined->second});
-  return true;
+void BpeModel::add_merges(const std::vector<MergePair>& merges) {
+  std::string joined;
+  for (std::size_t rank = 0; rank < merges.size(); ++rank) {
+    const auto& [left, right] = merges[rank];
+    joined.assign(left).append(right);
+    const auto left_token = vocab_.find(left);
+    const auto right_token = vocab_.find(right);
+    const auto joined_token = vocab_.find(joined);
+    if (left_token == vocab_.end() || right_token == vocab_.end() || joined_token == vocab_.end()) {
+      throw std::invalid_argument("merge " + std::to_string(rank) + " joins tokens that are not in the vocabulary");
+    }
+    merges_.add(left_token->second, right_token->second,
+                PairRanks::Merge{static_cast<std::int32_t>(rank), joined_token->second});
+  }
 }
 
 void BpeModel::encode_piece(std::string_view piece, std::vector<TokenId>& ids) const {
@@ -63,7 +72,7 @@ void BpeModel::encode_piece(std::string_view piece, std::vector<TokenId>& ids) c
     return;
   }
   if (ignore_merges_) {
-    const auto whole = vocab_.find(std::string(piece));
+    const auto whole = vocab_.find(piece);
     if (whole != vocab_.end()) {
       ids.push_back(whole->second);
       return;
@@ -84,9 +93,9 @@ void BpeModel::merge_symbols(std::string_view piece, std::vector<TokenId>& ids) 
   const auto queue_pair = [&](std::int32_t left) {
     if (left < 0 || symbols[left].next < 0) return;
     const std::int32_t right = symbols[left].next;
-    const auto merge = merges_.find(pair_key(symbols[left].id, symbols[right].id));
-    if (merge == merges_.end()) return;
-    queue.push_back({merge->second.rank, left, right, symbols[left].id, symbols[right].id, merge->second.result});
+    const PairRanks::Merge* merge = merges_.find(symbols[left].id, symbols[right].id);
+    if (!merge) return;
+    queue.push_back({merge->rank, left, right, symbols[left].id, symbols[right].id, merge->result});
     std::push_heap(queue.begin(), queue.end(), after);
   };
   for (std::int32_t i = 0; i + 1 < count; ++i) queue_pair(i);

@@ -2,18 +2,15 @@
 
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
+#include <stdexcept>
 
-#include "host/text/byte_alphabet.h"
 #include "host/text/text_error.h"
+#include "host/text/tokenizer_json_sax.h"
 
 namespace quorvel::text {
 namespace {
 
 using nlohmann::json;
-
-// Ids above this are refused, so that a decoding table sized by the largest id stays small.
-constexpr std::int64_t kMaxTokenId = (1 << 24) - 1;
 
 class Reader {
  public:
@@ -21,18 +18,15 @@ class Reader {
 
   [[noreturn]] void refuse(const std::string& problem) const { throw TextError(file_, problem); }
 
-  json parse() const {
-    std::ifstream in(file_, std::ios::binary);
+  // Parses the file into `sax`, which builds `rest`: the document without model.vocab and model.merges.
+  void parse(TokenizerJsonSax& sax, const json& rest) const {
+    std::ifstream in(file_, std::ios::binary | std::ios::ate);
     if (!in) refuse("cannot be opened");
-    std::ostringstream text;
-    text << in.rdbuf();
-    try {
-      json parsed = json::parse(text.str());
-      if (!parsed.is_object()) refuse("does not hold a JSON object");
-      return parsed;
-    } catch (const json::exception& error) {
-      refuse(std::string("is not valid JSON (") + error.what() + ")");
-    }
+    std::string text(static_cast<std::size_t>(in.tellg()), '\0');
+    in.seekg(0);
+    if (!in.read(text.data(), static_cast<std::streamsize>(text.size()))) refuse("cannot be read");
+    json::sax_parse(text, &sax);
+    if (!rest.is_object()) refuse("does not hold a JSON object");
   }
 
   const json& member(const json& object, const char* key, const std::string& where) const {
@@ -59,12 +53,6 @@ class Reader {
       refuse(what + " has an id that is not a whole number from 0 to " + std::to_string(kMaxTokenId));
     }
     return static_cast<TokenId>(value.get<std::int64_t>());
-  }
-
-  std::string symbol_bytes(const std::string& symbols, const std::string& what) const {
-    std::optional<std::string> bytes = bytes_of_symbols(symbols);
-    if (!bytes) refuse(what + " '" + symbols + "' is not written in the byte-level alphabet");
-    return *bytes;
   }
 
  private:
@@ -115,49 +103,16 @@ void check_model_kind(const json& model, const Reader& reader) {
   }
 }
 
-std::unique_ptr<BpeModel> read_model(const json& root, const Reader& reader) {
+std::unique_ptr<BpeModel> read_model(const json& root, TokenizerJsonSax& sax, const Reader& reader) {
   const json& model = reader.member(root, "model", "the file");
   if (!model.is_object()) reader.refuse("model must be an object");
   check_model_kind(model, reader);
-  const json& vocab_json = reader.member(model, "vocab", "model");
-  if (!vocab_json.is_object()) reader.refuse("model.vocab must be an object");
-  std::unordered_map<std::string, TokenId> vocab;
-  vocab.reserve(vocab_json.size());
-  for (const auto& [symbols, id] : vocab_json.items()) {
-    vocab.emplace(reader.symbol_bytes(symbols, "vocab entry"), reader.token_id(id, "vocab entry '" + symbols + "'"));
-  }
-  auto bpe = std::make_unique<BpeModel>(std::move(vocab), reader.flag(model, "ignore_merges", false));
-  if (bpe->missing_byte() >= 0) {
-    reader.refuse("model.vocab has no token for byte " + std::to_string(bpe->missing_byte()) +
-                  " (byte-level BPE needs all 256)");
-  }
-  return bpe;
-}
-
-void read_merges(const json& root, const Reader& reader, BpeModel& bpe) {
-  const json& merges = reader.member(root["model"], "merges", "model");
-  if (!merges.is_array()) reader.refuse("model.merges must be a list");
-  for (std::size_t rank = 0; rank < merges.size(); ++rank) {
-    const json& merge = merges[rank];
-    std::string left, right;
-    if (merge.is_string()) {
-      const std::string& pair = merge.get_ref<const std::string&>();
-      const std::size_t space = pair.find(' ');
-      if (space == std::string::npos || pair.find(' ', space + 1) != std::string::npos) {
-        reader.refuse("merge " + std::to_string(rank) + " '" + pair + "' is not two symbols separated by a space");
-      }
-      left = pair.substr(0, space);
-      right = pair.substr(space + 1);
-    } else if (merge.is_array() && merge.size() == 2 && merge[0].is_string() && merge[1].is_string()) {
-      left = merge[0].get<std::string>();
-      right = merge[1].get<std::string>();
-    } else {
-      reader.refuse("merge " + std::to_string(rank) + " is neither \"a b\" nor [\"a\", \"b\"]");
-    }
-    const std::string what = "merge " + std::to_string(rank);
-    if (!bpe.add_merge(reader.symbol_bytes(left, what), reader.symbol_bytes(right, what))) {
-      reader.refuse(what + " '" + left + " " + right + "' joins tokens that are not in the vocabulary");
-    }
+  if (!sax.has_vocab) reader.refuse("model.vocab is missing or not an object");
+  if (!sax.has_merges) reader.refuse("model.merges is missing or not a list");
+  try {
+    return std::make_unique<BpeModel>(std::move(sax.vocab), sax.merges, reader.flag(model, "ignore_merges", false));
+  } catch (const std::invalid_argument& error) {
+    reader.refuse(error.what());
   }
 }
 
@@ -185,13 +140,14 @@ AddedTokens read_added_tokens(const json& root, const Reader& reader) {
 
 TokenizerDefinition read_tokenizer_json(const std::filesystem::path& file) {
   const Reader reader(file);
-  const json root = reader.parse();
+  json root;
+  TokenizerJsonSax sax(file, root);
+  reader.parse(sax, root);
   try {
     bool nfc = false;
     check_normalizer(root, reader, nfc);
     std::string pattern = split_pattern(root, reader);
-    std::unique_ptr<BpeModel> model = read_model(root, reader);
-    read_merges(root, reader, *model);
+    std::unique_ptr<BpeModel> model = read_model(root, sax, reader);
     return TokenizerDefinition{std::move(model), read_added_tokens(root, reader), nfc, std::move(pattern)};
   } catch (const json::exception& error) {
     reader.refuse(std::string("has a value of an unexpected type (") + error.what() + ")");
