@@ -144,10 +144,10 @@ TokenizerDefinition read_tokenizer_json(const std::filesystem::path& file) {
   TokenizerJsonSax sax(file, root);
   reader.parse(sax, root);
   try {
+    std::unique_ptr<BpeModel> model = read_model(root, sax, reader);
     bool nfc = false;
     check_normalizer(root, reader, nfc);
     std::string pattern = split_pattern(root, reader);
-    std::unique_ptr<BpeModel> model = read_model(root, sax, reader);
     return TokenizerDefinition{std::move(model), read_added_tokens(root, reader), nfc, std::move(pattern)};
   } catch (const json::exception& error) {
     reader.refuse(std::string("has a value of an unexpected type (") + error.what() + ")");
