@@ -50,9 +50,11 @@ void encode(benchmark::State& state, const char* tokenizer_path, const char* sam
 }
 
 BENCHMARK(load_llama3)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK_CAPTURE(encode, llama3_english, QUORVEL_LLAMA3_TOKENIZER, QUORVEL_ENGLISH_SAMPLE)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(encode, llama3_english, QUORVEL_LLAMA3_TOKENIZER, QUORVEL_ENGLISH_SAMPLE)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(encode, llama3_cjk, QUORVEL_LLAMA3_TOKENIZER, QUORVEL_CJK_SAMPLE)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(encode, qwen3_english, QUORVEL_QWEN3_TOKENIZER, QUORVEL_ENGLISH_SAMPLE)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(encode, qwen3_english, QUORVEL_QWEN3_TOKENIZER, QUORVEL_ENGLISH_SAMPLE)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(encode, qwen3_cjk, QUORVEL_QWEN3_TOKENIZER, QUORVEL_CJK_SAMPLE)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -2,8 +2,16 @@
 
 #include <stdexcept>
 
+#include "host/text/text_error.h"
+
 namespace quorvel::text {
 namespace {
+
+std::string error_message(int error) {
+  PCRE2_UCHAR message[256];
+  pcre2_get_error_message(error, message, sizeof message);
+  return reinterpret_cast<const char*>(message);
+}
 
 pcre2_code* compile(const std::string& pattern) {
   int error = 0;
@@ -11,10 +19,8 @@ pcre2_code* compile(const std::string& pattern) {
   pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
                                    PCRE2_UTF | PCRE2_UCP, &error, &error_offset, nullptr);
   if (code) return code;
-  PCRE2_UCHAR message[256];
-  pcre2_get_error_message(error, message, sizeof message);
   throw std::invalid_argument("the pre-tokenizer regex does not compile at offset " + std::to_string(error_offset) +
-                              ": " + reinterpret_cast<const char*>(message));
+                              ": " + error_message(error));
 }
 
 }  // namespace
@@ -32,7 +38,8 @@ void SplitRegex::split(std::string_view text, const std::function<void(std::stri
     const int found = jit_ ? pcre2_jit_match(code_.get(), subject, text.size(), search_from, 0, match.get(), nullptr)
                            : pcre2_match(code_.get(), subject, text.size(), search_from, PCRE2_NO_UTF_CHECK,
                                          match.get(), nullptr);
-    if (found < 0) break;
+    if (found == PCRE2_ERROR_NOMATCH) break;
+    if (found < 0) throw TextError("the pre-tokenizer regex failed on the input (" + error_message(found) + ")");
     const PCRE2_SIZE* bounds = pcre2_get_ovector_pointer(match.get());
     if (bounds[1] == bounds[0]) {
       // An empty match isolates nothing; look again one character further on.

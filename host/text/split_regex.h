@@ -18,7 +18,7 @@ class SplitRegex {
   explicit SplitRegex(const std::string& pattern);
 
   // Calls `piece` for each piece of `text`, in order; the pieces cover `text` exactly. `text` must be
-  // valid UTF-8.
+  // valid UTF-8. Throws TextError when the match fails otherwise than by finding nothing (a match limit).
   void split(std::string_view text, const std::function<void(std::string_view)>& piece) const;
 
  private:

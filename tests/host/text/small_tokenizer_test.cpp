@@ -98,6 +98,19 @@ TEST(SmallTokenizer, InputThatIsNotUtf8IsRefusedAtItsFirstBadByte) {
   EXPECT_EQ(tokenizer.encode("\xF0\x9F\x98\x80"), (bytes("\xF0\x9F\x98\x80")));
 }
 
+TEST(SmallTokenizer, ARegexThatBacktracksWithoutEndIsStoppedWithAnError) {
+  json document = small_tokenizer({});
+  document["pre_tokenizer"]["pretokenizers"][0]["pattern"]["Regex"] = R"((\p{L}+\s?)+$|\S)";
+  const Tokenizer tokenizer = load(document, "backtracking");
+  EXPECT_EQ(tokenizer.encode("ab!"), (std::vector<TokenId>{'a', 'b', '!'}));
+  try {
+    tokenizer.encode(std::string(40, 'a') + "!");
+    ADD_FAILURE() << "the match limit was not reached";
+  } catch (const TextError& error) {
+    EXPECT_EQ(std::string(error.what()), "Error: the pre-tokenizer regex failed on the input (match limit exceeded)");
+  }
+}
+
 TEST(SmallTokenizer, DecodingAnIdWithoutATokenIsAnError) {
   const Tokenizer tokenizer = load(small_tokenizer({}), "decode");
   EXPECT_EQ(tokenizer.decode(bytes("hi")), "hi");
