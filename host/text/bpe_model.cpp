@@ -41,12 +41,12 @@ BpeModel::BpeModel(Vocabulary vocab, const std::vector<MergePair>& merges, bool 
 void BpeModel::find_byte_ids() {
   for (unsigned byte = 0; byte < 256; ++byte) {
     const char single = static_cast<char>(byte);
-    const auto found = vocab_.find(std::string_view(&single, 1));
-    if (found == vocab_.end()) {
+    const std::optional<TokenId> found = vocab_.find(std::string_view(&single, 1));
+    if (!found) {
       throw std::invalid_argument("model.vocab has no token for byte " + std::to_string(byte) +
                                   " (byte-level BPE needs all 256)");
     }
-    byte_ids_[byte] = found->second;
+    byte_ids_[byte] = *found;
   }
 }
 
@@ -55,14 +55,13 @@ void BpeModel::add_merges(const std::vector<MergePair>& merges) {
   for (std::size_t rank = 0; rank < merges.size(); ++rank) {
     const auto& [left, right] = merges[rank];
     joined.assign(left).append(right);
-    const auto left_token = vocab_.find(left);
-    const auto right_token = vocab_.find(right);
-    const auto joined_token = vocab_.find(joined);
-    if (left_token == vocab_.end() || right_token == vocab_.end() || joined_token == vocab_.end()) {
+    const std::optional<TokenId> left_token = vocab_.find(left);
+    const std::optional<TokenId> right_token = vocab_.find(right);
+    const std::optional<TokenId> joined_token = vocab_.find(joined);
+    if (!left_token || !right_token || !joined_token) {
       throw std::invalid_argument("merge " + std::to_string(rank) + " joins tokens that are not in the vocabulary");
     }
-    merges_.add(left_token->second, right_token->second,
-                PairRanks::Merge{static_cast<std::int32_t>(rank), joined_token->second});
+    merges_.add(*left_token, *right_token, PairRanks::Merge{static_cast<std::int32_t>(rank), *joined_token});
   }
 }
 
@@ -72,9 +71,8 @@ void BpeModel::encode_piece(std::string_view piece, std::vector<TokenId>& ids) c
     return;
   }
   if (ignore_merges_) {
-    const auto whole = vocab_.find(piece);
-    if (whole != vocab_.end()) {
-      ids.push_back(whole->second);
+    if (const std::optional<TokenId> whole = vocab_.find(piece)) {
+      ids.push_back(*whole);
       return;
     }
   }

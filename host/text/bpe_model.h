@@ -4,29 +4,15 @@
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "host/text/pair_ranks.h"
+#include "host/text/vocabulary.h"
 
 namespace quorvel::text {
-
-using TokenId = std::int32_t;
-
-// Ids above this are refused, so that a decoding table sized by the largest id stays small.
-constexpr TokenId kMaxTokenId = (1 << 24) - 1;
-
-struct TransparentStringHash {
-  using is_transparent = void;
-  std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
-};
-
-// The bytes of each token and its id.
-using Vocabulary = std::unordered_map<std::string, TokenId, TransparentStringHash, std::equal_to<>>;
 
 // A merge as the bytes of its two sides; its rank is its position in the list.
 using MergePair = std::pair<std::string, std::string>;

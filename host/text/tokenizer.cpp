@@ -17,16 +17,7 @@ Tokenizer::Tokenizer(TokenizerDefinition definition, const std::filesystem::path
   } catch (const std::invalid_argument& error) {
     throw TextError(file, error.what());
   }
-  const auto remember = [this](TokenId id, const std::string& bytes) {
-    if (static_cast<std::size_t>(id) >= bytes_of_id_.size()) {
-      bytes_of_id_.resize(static_cast<std::size_t>(id) + 1);
-      is_token_.resize(static_cast<std::size_t>(id) + 1);
-    }
-    bytes_of_id_[id] = bytes;
-    is_token_[id] = true;
-  };
-  for (const auto& [bytes, id] : model_->vocab()) remember(id, bytes);
-  for (const AddedToken& token : added_tokens_.tokens()) remember(token.id, token.content);
+  for (const AddedToken& token : added_tokens_.tokens()) added_token_text_.try_emplace(token.id, token.content);
 }
 
 std::vector<TokenId> Tokenizer::encode(std::string_view text, bool special_tokens) const {
@@ -58,10 +49,11 @@ void Tokenizer::encode_ordinary(std::string_view text, std::vector<TokenId>& ids
 }
 
 const std::string& Tokenizer::token_bytes(TokenId id) const {
-  if (id < 0 || static_cast<std::size_t>(id) >= is_token_.size() || !is_token_[id]) {
-    throw TextError("token id " + std::to_string(id) + " is not in the vocabulary");
-  }
-  return bytes_of_id_[id];
+  const auto added = added_token_text_.find(id);
+  if (added != added_token_text_.end()) return added->second;
+  const std::string* bytes = model_->vocab().bytes_of(id);
+  if (!bytes) throw TextError("token id " + std::to_string(id) + " is not in the vocabulary");
+  return *bytes;
 }
 
 std::string Tokenizer::decode(const std::vector<TokenId>& ids) const {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "host/text/added_tokens.h"
@@ -40,8 +41,7 @@ class Tokenizer {
   AddedTokens added_tokens_;
   bool nfc_;
   std::unique_ptr<SplitRegex> split_;
-  std::vector<std::string> bytes_of_id_;
-  std::vector<bool> is_token_;
+  std::unordered_map<TokenId, std::string> added_token_text_;
 };
 
 }  // namespace quorvel::text

@@ -29,7 +29,7 @@ void TokenizerJsonSax::add_vocab_entry(std::int64_t id) {
   if (id < 0 || id > kMaxTokenId) {
     refuse("model.vocab entry '" + vocab_key_ + "' has an id outside 0.." + std::to_string(kMaxTokenId));
   }
-  vocab.emplace(symbol_bytes(vocab_key_), static_cast<TokenId>(id));
+  vocab.add(symbol_bytes(vocab_key_), static_cast<TokenId>(id));
 }
 
 void TokenizerJsonSax::add_merge_string(const std::string& pair) {
@@ -83,7 +83,6 @@ bool TokenizerJsonSax::start_object(std::size_t elements) {
   if (at("vocab")) {
     section_ = Section::vocab;
     has_vocab = true;
-    vocab.reserve(1 << 17);
     return true;
   }
   path_.emplace_back();
