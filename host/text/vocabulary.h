@@ -12,8 +12,9 @@ namespace quorvel::text {
 
 using TokenId = std::int32_t;
 
-// Ids above this are refused, so that the table of bytes by id stays small.
-constexpr TokenId kMaxTokenId = (1 << 24) - 1;
+// Ids above this are refused, so that the table of bytes by id, sized by the largest id, stays below 64 MiB
+// whatever a file holds (the largest vocabularies in use have some 260,000 tokens).
+constexpr TokenId kMaxTokenId = (1 << 21) - 1;
 
 class Vocabulary {
  public:

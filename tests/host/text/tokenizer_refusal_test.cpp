@@ -86,7 +86,7 @@ TEST(TokenizerRefusal, VocabularyAndMergesThatDoNotFit) {
   expect_refusal(refusal(document, "alphabet"), "alphabet", "is not written in the byte-level alphabet");
   document = small_tokenizer({});
   document["model"]["vocab"]["a"] = -3;
-  expect_refusal(refusal(document, "negative"), "negative", "has an id outside 0..16777215");
+  expect_refusal(refusal(document, "negative"), "negative", "has an id outside 0..2097151");
   document = small_tokenizer({});
   document["model"]["vocab"]["a"] = "97";
   expect_refusal(refusal(document, "string-id"), "string-id", "model.vocab holds a string where a token id belongs");
