@@ -22,7 +22,11 @@ class Reader {
   void parse(TokenizerJsonSax& sax, const json& rest) const {
     std::ifstream in(file_, std::ios::binary | std::ios::ate);
     if (!in) refuse("cannot be opened");
-    std::string text(static_cast<std::size_t>(in.tellg()), '\0');
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(file_, error)) refuse("is not a regular file");
+    const std::streamoff size = in.tellg();
+    if (size < 0) refuse("cannot be read");
+    std::string text(static_cast<std::size_t>(size), '\0');
     in.seekg(0);
     if (!in.read(text.data(), static_cast<std::streamsize>(text.size()))) refuse("cannot be read");
     json::sax_parse(text, &sax);
@@ -59,13 +63,13 @@ class Reader {
   std::filesystem::path file_;
 };
 
-void check_normalizer(const json& root, const Reader& reader, bool& nfc) {
+// True for NFC, false for none.
+bool nfc_normalizer(const json& root, const Reader& reader) {
   const auto normalizer = root.find("normalizer");
-  nfc = false;
-  if (normalizer == root.end() || normalizer->is_null()) return;
+  if (normalizer == root.end() || normalizer->is_null()) return false;
   const std::string type = normalizer->is_object() ? reader.text(*normalizer, "type", "normalizer") : "";
   if (type != "NFC") reader.refuse("normalizer '" + type + "' is not supported (only none or NFC)");
-  nfc = true;
+  return true;
 }
 
 std::string split_pattern(const json& root, const Reader& reader) {
@@ -145,8 +149,7 @@ TokenizerDefinition read_tokenizer_json(const std::filesystem::path& file) {
   reader.parse(sax, root);
   try {
     std::unique_ptr<BpeModel> model = read_model(root, sax, reader);
-    bool nfc = false;
-    check_normalizer(root, reader, nfc);
+    const bool nfc = nfc_normalizer(root, reader);
     std::string pattern = split_pattern(root, reader);
     return TokenizerDefinition{std::move(model), read_added_tokens(root, reader), nfc, std::move(pattern)};
   } catch (const json::exception& error) {

@@ -109,6 +109,9 @@ TEST(TokenizerRefusal, AddedTokenOptionsAndBrokenFiles) {
   expect_refusal(refusal(document, "shape"), "shape", "normalizer '' is not supported");
   const std::filesystem::path missing = std::filesystem::temp_directory_path() / "quorvel-text-missing.json";
   expect_refusal(refusal(missing), "quorvel-text-missing", "cannot be opened");
+  const std::filesystem::path folder = std::filesystem::temp_directory_path() / "quorvel-text-folder.json";
+  std::filesystem::create_directories(folder);
+  expect_refusal(refusal(folder), "quorvel-text-folder", "is not a regular file");
 }
 
 }  // namespace
