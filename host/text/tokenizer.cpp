@@ -7,6 +7,7 @@
 #include "host/text/utf8.h"
 
 namespace quorvel::text {
+
 Tokenizer::Tokenizer(const std::filesystem::path& tokenizer_json)
     : Tokenizer(read_tokenizer_json(tokenizer_json), tokenizer_json) {}
 
