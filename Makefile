@@ -71,6 +71,14 @@ bench-convert:
 	/usr/bin/time -v ./build-release/tools/quorvel-convert $(CONVERT_BENCH_DIR) build-release/bench-converted \
 	  2>&1 | grep -v -E '^\s+(Average|Exit|Socket|Signals|Swaps|File system|Page size|Voluntary|Involuntary|Major|Minor)'
 
+# Tokenizer load time and encoding speed on the published Llama 3 and Qwen3
+# tokenizer.json files (fetched by the configure step), English and CJK text.
+.PHONY: bench-text
+bench-text:
+	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON -DQUORVEL_TESTS=OFF
+	cmake --build build-release -j $(JOBS) --target text_bench
+	./build-release/bench/text_bench
+
 # Writes MODEL_DIR/rope.cache from MODEL_DIR/init.txt with the tools' RoPE writer.
 .PHONY: generate
 generate: $(BUILD)/build.ninja

@@ -1,0 +1,66 @@
+#include "host/text/tokenizer.h"
+
+#include <stdexcept>
+
+#include "host/text/nfc.h"
+#include "host/text/text_error.h"
+#include "host/text/utf8.h"
+
+namespace quorvel::text {
+
+Tokenizer::Tokenizer(const std::filesystem::path& tokenizer_json)
+    : Tokenizer(read_tokenizer_json(tokenizer_json), tokenizer_json) {}
+
+Tokenizer::Tokenizer(TokenizerDefinition definition, const std::filesystem::path& file)
+    : model_(std::move(definition.model)), added_tokens_(std::move(definition.added_tokens)), nfc_(definition.nfc) {
+  try {
+    split_ = std::make_unique<SplitRegex>(definition.split_pattern);
+  } catch (const std::invalid_argument& error) {
+    throw TextError(file, error.what());
+  }
+  for (const AddedToken& token : added_tokens_.tokens()) added_token_text_.try_emplace(token.id, token.content);
+}
+
+std::vector<TokenId> Tokenizer::encode(std::string_view text, bool special_tokens) const {
+  if (const std::optional<std::size_t> bad = first_invalid_utf8_byte(text)) {
+    throw TextError("input is not valid UTF-8 at byte " + std::to_string(*bad));
+  }
+  std::vector<TokenId> ids;
+  ids.reserve(text.size() / 3 + 1);
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const std::optional<AddedTokenMatch> match = added_tokens_.find(text, done, special_tokens);
+    const std::size_t end = match ? match->offset : text.size();
+    if (end > done) encode_ordinary(text.substr(done, end - done), ids);
+    if (!match) break;
+    ids.push_back(match->id);
+    done = match->offset + match->length;
+  }
+  return ids;
+}
+
+void Tokenizer::encode_ordinary(std::string_view text, std::vector<TokenId>& ids) const {
+  const auto encode_piece = [&](std::string_view piece) { model_->encode_piece(piece, ids); };
+  if (!nfc_) {
+    split_->split(text, encode_piece);
+    return;
+  }
+  const std::string normalized = to_nfc(text);
+  split_->split(normalized, encode_piece);
+}
+
+const std::string& Tokenizer::token_bytes(TokenId id) const {
+  const auto added = added_token_text_.find(id);
+  if (added != added_token_text_.end()) return added->second;
+  const std::string* bytes = model_->vocab().bytes_of(id);
+  if (!bytes) throw TextError("token id " + std::to_string(id) + " is not in the vocabulary");
+  return *bytes;
+}
+
+std::string Tokenizer::decode(const std::vector<TokenId>& ids) const {
+  std::string text;
+  for (const TokenId id : ids) text += token_bytes(id);
+  return text;
+}
+
+}  // namespace quorvel::text

@@ -1,0 +1,24 @@
+// Reads a tokenizer.json of the kind this library encodes with: a byte-level BPE model, added tokens,
+// no normalizer or NFC, and a Split(regex, Isolated) then ByteLevel(use_regex false) pre-tokenizer.
+// Anything else is refused with a TextError naming the file and what is not supported.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "host/text/added_tokens.h"
+#include "host/text/bpe_model.h"
+
+namespace quorvel::text {
+
+struct TokenizerDefinition {
+  std::unique_ptr<BpeModel> model;
+  AddedTokens added_tokens;
+  bool nfc;
+  std::string split_pattern;
+};
+
+TokenizerDefinition read_tokenizer_json(const std::filesystem::path& file);
+
+}  // namespace quorvel::text

@@ -1,0 +1,118 @@
+// tokenizer.json contents the tokenizer cannot encode exactly are refused with one message naming the file
+// and what is unsupported, never guessed at.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "host/text/text_error.h"
+#include "host/text/tokenizer.h"
+#include "tests/host/text/small_tokenizer.h"
+
+namespace quorvel::text {
+namespace {
+
+using testing::json;
+using testing::small_tokenizer;
+using testing::write_tokenizer;
+
+// The message of loading `path`, which must fail.
+std::string refusal(const std::filesystem::path& path) {
+  try {
+    Tokenizer loaded(path);
+  } catch (const TextError& error) {
+    std::filesystem::remove(path);
+    return error.what();
+  }
+  std::filesystem::remove(path);
+  ADD_FAILURE() << path << " was accepted";
+  return "";
+}
+
+std::string refusal(const json& document, const std::string& name) {
+  return refusal(write_tokenizer(document, name));
+}
+
+void expect_refusal(const std::string& message, const std::string& name, const std::string& problem) {
+  EXPECT_EQ(message.rfind("Error: ", 0), 0u) << message;
+  EXPECT_NE(message.find(name + ".json: "), std::string::npos) << message;
+  EXPECT_NE(message.find(problem), std::string::npos) << message;
+}
+
+TEST(TokenizerRefusal, OtherModelsAndModelOptions) {
+  json document = small_tokenizer({});
+  document["model"]["type"] = "Unigram";
+  expect_refusal(refusal(document, "unigram"), "unigram", "model type 'Unigram' is not supported");
+  document = small_tokenizer({});
+  document["model"]["byte_fallback"] = true;
+  expect_refusal(refusal(document, "fallback"), "fallback", "byte_fallback true is not supported");
+  document = small_tokenizer({});
+  document["model"]["continuing_subword_prefix"] = "##";
+  expect_refusal(refusal(document, "prefix"), "prefix", "continuing_subword_prefix is not supported");
+}
+
+TEST(TokenizerRefusal, OtherNormalizersAndPreTokenizers) {
+  json document = small_tokenizer({});
+  document["normalizer"] = {{"type", "NFKC"}};
+  expect_refusal(refusal(document, "nfkc"), "nfkc", "normalizer 'NFKC' is not supported");
+  document = small_tokenizer({});
+  document["pre_tokenizer"] = {{"type", "Metaspace"}, {"replacement", "_"}};
+  expect_refusal(refusal(document, "metaspace"), "metaspace", "pre_tokenizer is not supported");
+  document = small_tokenizer({});
+  document["pre_tokenizer"]["pretokenizers"][0]["behavior"] = "Removed";
+  expect_refusal(refusal(document, "removed"), "removed", "pre_tokenizer is not supported");
+  document = small_tokenizer({});
+  document["pre_tokenizer"]["pretokenizers"][1]["use_regex"] = true;
+  expect_refusal(refusal(document, "regex-twice"), "regex-twice", "pre_tokenizer is not supported");
+  document = small_tokenizer({});
+  document["pre_tokenizer"]["pretokenizers"][0]["pattern"]["Regex"] = "(unclosed";
+  expect_refusal(refusal(document, "bad-regex"), "bad-regex", "the pre-tokenizer regex does not compile");
+}
+
+TEST(TokenizerRefusal, VocabularyAndMergesThatDoNotFit) {
+  json document = small_tokenizer({});
+  document["model"]["vocab"].erase("a");
+  expect_refusal(refusal(document, "no-byte"), "no-byte", "has no token for byte 97");
+  document = small_tokenizer({});
+  document["model"]["merges"].push_back("a q");
+  expect_refusal(refusal(document, "merge"), "merge", "merge 0 joins tokens that are not in the vocabulary");
+  document = small_tokenizer({});
+  document["model"]["merges"].push_back("abc");
+  expect_refusal(refusal(document, "merge-text"), "merge-text", "'abc' is not two symbols separated by a space");
+  document = small_tokenizer({});
+  document["model"]["merges"].push_back(json::array({"a", "b", "c"}));
+  expect_refusal(refusal(document, "triple"), "triple", "merge 0 is not a pair of symbols");
+  document = small_tokenizer({});
+  document["model"]["vocab"]["\xe4\xb8\xad"] = 300;
+  expect_refusal(refusal(document, "alphabet"), "alphabet", "is not written in the byte-level alphabet");
+  document = small_tokenizer({});
+  document["model"]["vocab"]["a"] = -3;
+  expect_refusal(refusal(document, "negative"), "negative", "has an id outside 0..2097151");
+  document = small_tokenizer({});
+  document["model"]["vocab"]["a"] = "97";
+  expect_refusal(refusal(document, "string-id"), "string-id", "model.vocab holds a string where a token id belongs");
+  document = small_tokenizer({});
+  document["model"].erase("merges");
+  expect_refusal(refusal(document, "no-merges"), "no-merges", "model.merges is missing");
+}
+
+TEST(TokenizerRefusal, AddedTokenOptionsAndBrokenFiles) {
+  json document = small_tokenizer({});
+  document["added_tokens"].push_back({{"id", 300}, {"content", "<x>"}, {"special", true}, {"lstrip", true}});
+  expect_refusal(refusal(document, "lstrip"), "lstrip", "added token '<x>': lstrip true is not supported");
+  document = small_tokenizer({});
+  document["added_tokens"].push_back({{"id", 1.5}, {"content", "<x>"}});
+  expect_refusal(refusal(document, "fraction"), "fraction", "added token '<x>' has an id that is not");
+  expect_refusal(refusal(write_tokenizer(std::string("{\"model\": {\"vocab\": {"), "cut")), "cut", "is not valid JSON");
+  expect_refusal(refusal(write_tokenizer(std::string("[1, 2]"), "list")), "list", "does not hold a JSON object");
+  document = small_tokenizer({});
+  document["normalizer"] = 7;
+  expect_refusal(refusal(document, "shape"), "shape", "normalizer '' is not supported");
+  const std::filesystem::path missing = std::filesystem::temp_directory_path() / "quorvel-text-missing.json";
+  expect_refusal(refusal(missing), "quorvel-text-missing", "cannot be opened");
+  const std::filesystem::path folder = std::filesystem::temp_directory_path() / "quorvel-text-folder.json";
+  std::filesystem::create_directories(folder);
+  expect_refusal(refusal(folder), "quorvel-text-folder", "is not a regular file");
+}
+
+}  // namespace
+}  // namespace quorvel::text
