@@ -1,10 +1,9 @@
 #include "host/text/chat_format.h"
 
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
-
-#include <nlohmann/json.hpp>
 
 namespace quorvel::text {
 namespace {
@@ -30,8 +29,8 @@ std::string_view strip_right(std::string_view text, std::string_view characters)
 constexpr std::string_view kLlama3Bos = "<|begin_of_text|>";
 
 std::string llama3_turn(std::string_view role, std::string_view content) {
-  return "<|start_header_id|>" + std::string(role) + "<|end_header_id|>\n\n" + std::string(strip(content, kWhitespace)) +
-         "<|eot_id|>";
+  return "<|start_header_id|>" + std::string(role) + "<|end_header_id|>\n\n" +
+         std::string(strip(content, kWhitespace)) + "<|eot_id|>";
 }
 
 std::string bitnet_turn(std::string_view role, std::string_view content) {
@@ -94,7 +93,8 @@ std::string ChatFormat::generation_prompt() const {
   switch (family_) {
     case ChatFamily::LLAMA3: return "<|start_header_id|>assistant<|end_header_id|>\n\n";
     case ChatFamily::BITNET: return "Assistant: ";
-    case ChatFamily::CHATML: return thinking_ ? "<|im_start|>assistant\n" : "<|im_start|>assistant\n<think>\n\n</think>\n\n";
+    case ChatFamily::CHATML:
+      return thinking_ ? "<|im_start|>assistant\n" : "<|im_start|>assistant\n<think>\n\n</think>\n\n";
     case ChatFamily::COMPLETION: break;
   }
   return "";
@@ -129,9 +129,7 @@ std::string ChatFormat::render(std::span<const ChatMessage> messages, bool add_g
       text = kLlama3Bos;
       for (const ChatMessage& m : messages) text += bitnet_turn(m.role, m.content);
       break;
-    case ChatFamily::CHATML:
-      text = render_chatml(messages);
-      break;
+    case ChatFamily::CHATML: text = render_chatml(messages); break;
     case ChatFamily::COMPLETION:
       for (const ChatMessage& m : messages) text += m.content;
       break;
