@@ -1,0 +1,179 @@
+#include "host/text/chat_format.h"
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <stdexcept>
+
+namespace quorvel::text {
+namespace {
+
+constexpr std::string_view kWhitespace = " \t\n\r\v\f";
+
+std::string_view strip(std::string_view text, std::string_view characters) {
+  const std::size_t first = text.find_first_not_of(characters);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(characters) - first + 1);
+}
+
+std::string_view strip_left(std::string_view text, std::string_view characters) {
+  const std::size_t first = text.find_first_not_of(characters);
+  return first == std::string_view::npos ? std::string_view() : text.substr(first);
+}
+
+std::string_view strip_right(std::string_view text, std::string_view characters) {
+  const std::size_t last = text.find_last_not_of(characters);
+  return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
+}
+
+constexpr std::string_view kLlama3Bos = "<|begin_of_text|>";
+
+std::string llama3_turn(std::string_view role, std::string_view content) {
+  return "<|start_header_id|>" + std::string(role) + "<|end_header_id|>\n\n" +
+         std::string(strip(content, kWhitespace)) + "<|eot_id|>";
+}
+
+std::string bitnet_turn(std::string_view role, std::string_view content) {
+  std::string capitalised(role);
+  if (!capitalised.empty() && capitalised[0] >= 'a' && capitalised[0] <= 'z') capitalised[0] -= 'a' - 'A';
+  return capitalised + ": " + std::string(content) + "<|eot_id|>";
+}
+
+std::string chatml_turn(std::string_view role, std::string_view content) {
+  return "<|im_start|>" + std::string(role) + "\n" + std::string(content) + "<|im_end|>\n";
+}
+
+// An assistant message split the way the ChatML template splits it: the
+// reasoning inside <think>...</think> and the answer after it.
+struct Reply {
+  std::string_view reasoning, answer;
+};
+
+Reply split_reply(std::string_view content) {
+  const std::size_t close = content.rfind("</think>");
+  if (close == std::string_view::npos) return {{}, content};
+  const std::string_view before = content.substr(0, content.find("</think>"));
+  const std::size_t open = before.rfind("<think>");
+  const std::string_view thought = open == std::string_view::npos ? before : before.substr(open + 7);
+  return {strip_left(strip_right(thought, "\n"), "\n"), strip_left(content.substr(close + 8), "\n")};
+}
+
+// The last user turn: assistant turns after it keep their reasoning.
+std::size_t last_query(std::span<const ChatMessage> messages) {
+  for (std::size_t i = messages.size(); i-- > 0;) {
+    if (messages[i].role == "user") return i;
+  }
+  return messages.size() - 1;
+}
+
+}  // namespace
+
+ChatFormat ChatFormat::named(std::string_view name, bool thinking) {
+  if (name == "llama3") return ChatFormat(ChatFamily::LLAMA3, thinking);
+  if (name == "bitnet") return ChatFormat(ChatFamily::BITNET, thinking);
+  if (name == "chatml" || name == "qwen3") return ChatFormat(ChatFamily::CHATML, thinking);
+  if (name == "completion") return ChatFormat(ChatFamily::COMPLETION, thinking);
+  throw std::invalid_argument("unknown chat format '" + std::string(name) +
+                              "' (known: llama3, bitnet, chatml, qwen3, completion)");
+}
+
+std::optional<ChatFamily> ChatFormat::recognise(std::string_view chat_template) {
+  if (chat_template.find("<|start_header_id|>") != std::string_view::npos) return ChatFamily::LLAMA3;
+  if (chat_template.find("<|im_start|>") != std::string_view::npos) return ChatFamily::CHATML;
+  if (chat_template.find("'Assistant: '") != std::string_view::npos) return ChatFamily::BITNET;
+  return std::nullopt;
+}
+
+const char* ChatFormat::name() const {
+  constexpr const char* kNames[] = {"llama3", "bitnet", "chatml", "completion"};
+  return kNames[static_cast<int>(family_)];
+}
+
+std::string ChatFormat::generation_prompt() const {
+  switch (family_) {
+    case ChatFamily::LLAMA3: return "<|start_header_id|>assistant<|end_header_id|>\n\n";
+    case ChatFamily::BITNET: return "Assistant: ";
+    case ChatFamily::CHATML:
+      return thinking_ ? "<|im_start|>assistant\n" : "<|im_start|>assistant\n<think>\n\n</think>\n\n";
+    case ChatFamily::COMPLETION: break;
+  }
+  return "";
+}
+
+std::string ChatFormat::render_chatml(std::span<const ChatMessage> messages) const {
+  std::string text;
+  const std::size_t query = last_query(messages);
+  for (std::size_t i = 0; i < messages.size(); ++i) {
+    const ChatMessage& m = messages[i];
+    if (m.role != "assistant") {
+      text += chatml_turn(m.role, m.content);
+      continue;
+    }
+    const Reply reply = split_reply(m.content);
+    const bool keeps_reasoning = i > query && (i + 1 == messages.size() || !reply.reasoning.empty());
+    text += "<|im_start|>assistant\n";
+    if (keeps_reasoning) text += "<think>\n" + std::string(strip(reply.reasoning, "\n")) + "\n</think>\n\n";
+    text += std::string(reply.answer) + "<|im_end|>\n";
+  }
+  return text;
+}
+
+std::string ChatFormat::render(std::span<const ChatMessage> messages, bool add_generation_prompt) const {
+  std::string text;
+  switch (family_) {
+    case ChatFamily::LLAMA3:
+      text = kLlama3Bos;
+      for (const ChatMessage& m : messages) text += llama3_turn(m.role, m.content);
+      break;
+    case ChatFamily::BITNET:
+      text = kLlama3Bos;
+      for (const ChatMessage& m : messages) text += bitnet_turn(m.role, m.content);
+      break;
+    case ChatFamily::CHATML: text = render_chatml(messages); break;
+    case ChatFamily::COMPLETION:
+      for (const ChatMessage& m : messages) text += m.content;
+      break;
+  }
+  return add_generation_prompt ? text + generation_prompt() : text;
+}
+
+std::string ChatFormat::next_turn(std::string_view user_text) const {
+  switch (family_) {
+    case ChatFamily::LLAMA3: return llama3_turn("user", user_text) + generation_prompt();
+    case ChatFamily::BITNET: return bitnet_turn("user", user_text) + generation_prompt();
+    case ChatFamily::CHATML: return "\n" + chatml_turn("user", user_text) + generation_prompt();
+    case ChatFamily::COMPLETION: break;
+  }
+  return std::string(user_text);
+}
+
+std::vector<std::string> ChatFormat::stop_tokens() const {
+  switch (family_) {
+    case ChatFamily::LLAMA3: return {"<|eot_id|>", "<|end_of_text|>", "<|eom_id|>"};
+    case ChatFamily::BITNET: return {"<|eot_id|>", "<|end_of_text|>"};
+    case ChatFamily::CHATML: return {"<|im_end|>", "<|endoftext|>"};
+    case ChatFamily::COMPLETION: break;
+  }
+  return {};
+}
+
+ChatFormat chat_format_of(const std::filesystem::path& tokenizer_config, bool thinking) {
+  std::ifstream in(tokenizer_config, std::ios::binary);
+  if (!in) throw std::runtime_error(tokenizer_config.string() + ": cannot be opened");
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  const nlohmann::json config = nlohmann::json::parse(bytes.str(), nullptr, false);
+  const auto found = config.is_object() ? config.find("chat_template") : config.end();
+  if (!config.is_object() || found == config.end() || !found->is_string()) {
+    throw std::runtime_error(tokenizer_config.string() +
+                             ": has no chat_template; name a format (llama3, bitnet, chatml, completion)");
+  }
+  const std::optional<ChatFamily> family = ChatFormat::recognise(found->get<std::string>());
+  if (!family) {
+    throw std::runtime_error(tokenizer_config.string() +
+                             ": its chat_template is none of llama3, bitnet or chatml; name a format instead");
+  }
+  return ChatFormat(*family, thinking);
+}
+
+}  // namespace quorvel::text
