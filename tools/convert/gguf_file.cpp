@@ -31,51 +31,50 @@ struct TensorType {
   std::uint32_t id;
   SourceType type;
   const char* name;
-  std::uint64_t block_values;  // 0: UNSUPPORTED, its layout is not checked
 };
 
 constexpr TensorType kTensorTypes[] = {
-    {0, SourceType::F32, "F32", 1},
-    {1, SourceType::F16, "F16", 1},
-    {30, SourceType::BF16, "BF16", 1},
-    {8, SourceType::Q8_0, "Q8_0", 32},
-    {41, SourceType::Q1_0, "Q1_0", 128},
-    {42, SourceType::Q2_0, "Q2_0", 64},
-    {35, SourceType::TQ2_0, "TQ2_0", 256},
-    {36, SourceType::I2_S, "I2_S", 128},
-    {24, SourceType::I8, "I8", 1},
-    {2, SourceType::UNSUPPORTED, "Q4_0", 0},
-    {3, SourceType::UNSUPPORTED, "Q4_1", 0},
-    {6, SourceType::UNSUPPORTED, "Q5_0", 0},
-    {7, SourceType::UNSUPPORTED, "Q5_1", 0},
-    {9, SourceType::UNSUPPORTED, "Q8_1", 0},
-    {10, SourceType::UNSUPPORTED, "Q2_K", 0},
-    {11, SourceType::UNSUPPORTED, "Q3_K", 0},
-    {12, SourceType::UNSUPPORTED, "Q4_K", 0},
-    {13, SourceType::UNSUPPORTED, "Q5_K", 0},
-    {14, SourceType::UNSUPPORTED, "Q6_K", 0},
-    {15, SourceType::UNSUPPORTED, "Q8_K", 0},
-    {16, SourceType::UNSUPPORTED, "IQ2_XXS", 0},
-    {17, SourceType::UNSUPPORTED, "IQ2_XS", 0},
-    {18, SourceType::UNSUPPORTED, "IQ3_XXS", 0},
-    {19, SourceType::UNSUPPORTED, "IQ1_S", 0},
-    {20, SourceType::UNSUPPORTED, "IQ4_NL", 0},
-    {21, SourceType::UNSUPPORTED, "IQ3_S", 0},
-    {22, SourceType::UNSUPPORTED, "IQ2_S", 0},
-    {23, SourceType::UNSUPPORTED, "IQ4_XS", 0},
-    {25, SourceType::UNSUPPORTED, "I16", 0},
-    {26, SourceType::UNSUPPORTED, "I32", 0},
-    {27, SourceType::UNSUPPORTED, "I64", 0},
-    {28, SourceType::UNSUPPORTED, "F64", 0},
-    {29, SourceType::UNSUPPORTED, "IQ1_M", 0},
-    {34, SourceType::UNSUPPORTED, "TQ1_0", 0},
-    {39, SourceType::UNSUPPORTED, "MXFP4", 0},
+    {0, SourceType::F32, "F32"},
+    {1, SourceType::F16, "F16"},
+    {30, SourceType::BF16, "BF16"},
+    {8, SourceType::Q8_0, "Q8_0"},
+    {41, SourceType::Q1_0, "Q1_0"},
+    {42, SourceType::Q2_0, "Q2_0"},
+    {35, SourceType::TQ2_0, "TQ2_0"},
+    {36, SourceType::I2_S, "I2_S"},
+    {24, SourceType::I8, "I8"},
+    {2, SourceType::UNSUPPORTED, "Q4_0"},
+    {3, SourceType::UNSUPPORTED, "Q4_1"},
+    {6, SourceType::UNSUPPORTED, "Q5_0"},
+    {7, SourceType::UNSUPPORTED, "Q5_1"},
+    {9, SourceType::UNSUPPORTED, "Q8_1"},
+    {10, SourceType::UNSUPPORTED, "Q2_K"},
+    {11, SourceType::UNSUPPORTED, "Q3_K"},
+    {12, SourceType::UNSUPPORTED, "Q4_K"},
+    {13, SourceType::UNSUPPORTED, "Q5_K"},
+    {14, SourceType::UNSUPPORTED, "Q6_K"},
+    {15, SourceType::UNSUPPORTED, "Q8_K"},
+    {16, SourceType::UNSUPPORTED, "IQ2_XXS"},
+    {17, SourceType::UNSUPPORTED, "IQ2_XS"},
+    {18, SourceType::UNSUPPORTED, "IQ3_XXS"},
+    {19, SourceType::UNSUPPORTED, "IQ1_S"},
+    {20, SourceType::UNSUPPORTED, "IQ4_NL"},
+    {21, SourceType::UNSUPPORTED, "IQ3_S"},
+    {22, SourceType::UNSUPPORTED, "IQ2_S"},
+    {23, SourceType::UNSUPPORTED, "IQ4_XS"},
+    {25, SourceType::UNSUPPORTED, "I16"},
+    {26, SourceType::UNSUPPORTED, "I32"},
+    {27, SourceType::UNSUPPORTED, "I64"},
+    {28, SourceType::UNSUPPORTED, "F64"},
+    {29, SourceType::UNSUPPORTED, "IQ1_M"},
+    {34, SourceType::UNSUPPORTED, "TQ1_0"},
+    {39, SourceType::UNSUPPORTED, "MXFP4"},
 };
 
 TensorType tensor_type(std::uint32_t id) {
   const auto found =
       std::find_if(std::begin(kTensorTypes), std::end(kTensorTypes), [&](const TensorType& t) { return t.id == id; });
-  return found != std::end(kTensorTypes) ? *found : TensorType{id, SourceType::UNSUPPORTED, nullptr, 0};
+  return found != std::end(kTensorTypes) ? *found : TensorType{id, SourceType::UNSUPPORTED, nullptr};
 }
 
 // Reads the file front to back; every read is checked against what is left.
@@ -235,14 +234,16 @@ std::uint64_t alignment_of(const GgufMetadata& metadata) {
 }
 
 // Refuses extents that overflow and rows that are no whole number of blocks.
-void check_shape(const SourceTensor& tensor, const TensorType& type) {
+// An UNSUPPORTED type has no known layout, so only its extents are checked.
+void check_shape(const SourceTensor& tensor) {
   if (size_overflowed(tensor.elements())) {
     throw ConvertError(tensor.file, "tensor " + tensor.name + ": its extents multiply past 2^64");
   }
-  if (type.block_values > 0 && tensor.cols() % type.block_values != 0) {
+  const std::uint64_t block_values = source_storage(tensor.type).values;
+  if (block_values > 0 && tensor.cols() % block_values != 0) {
     throw ConvertError(tensor.file, "tensor " + tensor.name + ": rows of " + std::to_string(tensor.cols()) +
                                         " values are not whole " + tensor.type_name + " blocks of " +
-                                        std::to_string(type.block_values));
+                                        std::to_string(block_values));
   }
 }
 
@@ -270,7 +271,7 @@ SourceTensor placed(TensorInfo info, std::span<const std::uint8_t> data, std::ui
   const TensorType type = tensor_type(info.type_id);
   tensor.type = type.type;
   tensor.type_name = type.name ? type.name : "type " + std::to_string(info.type_id);
-  check_shape(tensor, type);
+  check_shape(tensor);
   tensor.data = tensor_data(tensor, info.offset, data, alignment);
   return std::move(tensor);
 }

@@ -11,11 +11,12 @@
 namespace quorvel::convert {
 namespace {
 
-constexpr std::uint64_t kQ8_0Values = 32, kQ8_0Bytes = 34;
-constexpr std::uint64_t kQ1_0Values = 128, kQ1_0Bytes = 18;
-constexpr std::uint64_t kQ2_0Values = 64, kQ2_0Bytes = 18;
-constexpr std::uint64_t kTQ2_0Values = 256, kTQ2_0Bytes = 66, kTQ2_0ScaleOffset = 64;
-constexpr std::uint64_t kI2_SScaleBytes = 32;
+constexpr SourceStorage kQ8_0 = source_storage(SourceType::Q8_0);
+constexpr SourceStorage kQ1_0 = source_storage(SourceType::Q1_0);
+constexpr SourceStorage kQ2_0 = source_storage(SourceType::Q2_0);
+constexpr SourceStorage kTQ2_0 = source_storage(SourceType::TQ2_0);
+constexpr SourceStorage kI2_S = source_storage(SourceType::I2_S);
+constexpr std::uint64_t kTQ2_0ScaleOffset = 64;  // the codes come first
 
 bool packed_rows(const SourceTensor& tensor) { return tensor.type == SourceType::U8; }
 
@@ -24,7 +25,7 @@ float half_at(const std::uint8_t* bytes) { return half_to_float(load_le<std::uin
 // TQ2_0 keeps 128 weights in each 32-byte half of a block's codes, weight
 // 32 l + m at bits 2 l of byte m: our group layout with the planes reversed.
 void tq2_0_codes(const std::uint8_t* block, std::uint8_t* codes) {
-  for (std::uint64_t j = 0; j < kTQ2_0Values; ++j) {
+  for (std::uint64_t j = 0; j < kTQ2_0.values; ++j) {
     const std::uint64_t half = j / 128, l = (j % 128) / 32, m = j % 32;
     codes[j] = static_cast<std::uint8_t>((block[32 * half + m] >> (2 * l)) & 3u);
   }
@@ -32,7 +33,7 @@ void tq2_0_codes(const std::uint8_t* block, std::uint8_t* codes) {
 
 void q2_0_codes(const std::uint8_t* block, std::uint8_t* codes) {
   const std::uint8_t* qs = block + 2;
-  for (std::uint64_t j = 0; j < kQ2_0Values; ++j)
+  for (std::uint64_t j = 0; j < kQ2_0.values; ++j)
     codes[j] = static_cast<std::uint8_t>((qs[j / 4] >> (2 * (j % 4))) & 3u);
 }
 
@@ -45,8 +46,8 @@ SourceMatrix::SourceMatrix(const SourceTensor& tensor, double tensor_scale, std:
   }
   cols_ = tensor.cols();
   rows_ = packed_rows(tensor) ? tensor.rows() * 4 : tensor.rows();
-  const std::uint64_t row_shape[] = {cols_};
-  row_bytes_ = tensor.type == SourceType::I2_S ? cols_ / 4 : *source_byte_size(tensor.type, row_shape);
+  const SourceStorage storage = source_storage(tensor.type);
+  row_bytes_ = cols_ / storage.values * storage.bytes;
 }
 
 const std::uint8_t* SourceMatrix::stored_row(std::uint64_t r) const {
@@ -74,9 +75,9 @@ std::uint64_t SourceMatrix::scale_run() const {
   switch (tensor_.type) {
     case SourceType::U8:
     case SourceType::I2_S: return cols_;
-    case SourceType::TQ2_0: return kTQ2_0Values;
-    case SourceType::Q2_0: return kQ2_0Values;
-    case SourceType::Q1_0: return kQ1_0Values;
+    case SourceType::TQ2_0: return kTQ2_0.values;
+    case SourceType::Q2_0: return kQ2_0.values;
+    case SourceType::Q1_0: return kQ1_0.values;
     default: return 0;
   }
 }
@@ -85,10 +86,12 @@ double SourceMatrix::scale(std::uint64_t r, std::uint64_t run) const {
   double value = 0.0;
   switch (tensor_.type) {
     case SourceType::U8: value = tensor_scale_; break;
-    case SourceType::I2_S: value = load_le<float>(tensor_.data.data() + tensor_.data.size() - kI2_SScaleBytes); break;
-    case SourceType::TQ2_0: value = half_at(stored_row(r) + run * kTQ2_0Bytes + kTQ2_0ScaleOffset); break;
+    case SourceType::I2_S:
+      value = load_le<float>(tensor_.data.data() + tensor_.data.size() - kI2_S.tensor_bytes);
+      break;
+    case SourceType::TQ2_0: value = half_at(stored_row(r) + run * kTQ2_0.bytes + kTQ2_0ScaleOffset); break;
     case SourceType::Q2_0:
-    case SourceType::Q1_0: value = half_at(stored_row(r) + run * kQ2_0Bytes); break;
+    case SourceType::Q1_0: value = half_at(stored_row(r) + run * source_storage(tensor_.type).bytes); break;
     default: break;
   }
   check_finite(value, r);
@@ -109,10 +112,12 @@ void SourceMatrix::code_row(std::uint64_t r, std::uint8_t* codes) const {
       codes[c] = static_cast<std::uint8_t>(formats::ternary_code(row + c / 128 * 32, c % 128));
     }
   } else if (tensor_.type == SourceType::TQ2_0) {
-    for (std::uint64_t b = 0; b < cols_ / kTQ2_0Values; ++b)
-      tq2_0_codes(row + b * kTQ2_0Bytes, codes + b * kTQ2_0Values);
+    for (std::uint64_t b = 0; b < cols_ / kTQ2_0.values; ++b)
+      tq2_0_codes(row + b * kTQ2_0.bytes, codes + b * kTQ2_0.values);
   } else {
-    for (std::uint64_t b = 0; b < cols_ / kQ2_0Values; ++b) q2_0_codes(row + b * kQ2_0Bytes, codes + b * kQ2_0Values);
+    for (std::uint64_t b = 0; b < cols_ / kQ2_0.values; ++b) {
+      q2_0_codes(row + b * kQ2_0.bytes, codes + b * kQ2_0.values);
+    }
   }
 }
 
@@ -133,16 +138,16 @@ void SourceMatrix::real_row(std::uint64_t r, float* out) const {
       return;
     case SourceType::Q8_0:
       for (std::uint64_t c = 0; c < cols_; ++c) {
-        const std::uint8_t* block = row + c / kQ8_0Values * kQ8_0Bytes;
-        if (c % kQ8_0Values == 0) check_finite(half_at(block), r);
-        out[c] = half_at(block) * static_cast<float>(static_cast<std::int8_t>(block[2 + c % kQ8_0Values]));
+        const std::uint8_t* block = row + c / kQ8_0.values * kQ8_0.bytes;
+        if (c % kQ8_0.values == 0) check_finite(half_at(block), r);
+        out[c] = half_at(block) * static_cast<float>(static_cast<std::int8_t>(block[2 + c % kQ8_0.values]));
       }
       return;
     case SourceType::Q1_0:
-      for (std::uint64_t b = 0; b < cols_ / kQ1_0Values; ++b) {
-        const std::uint8_t* signs = row + b * kQ1_0Bytes + 2;
+      for (std::uint64_t b = 0; b < cols_ / kQ1_0.values; ++b) {
+        const std::uint8_t* signs = row + b * kQ1_0.bytes + 2;
         const float d = static_cast<float>(scale(r, b));
-        for (std::uint64_t j = 0; j < kQ1_0Values; ++j) *out++ = ((signs[j / 8] >> (j % 8)) & 1u) ? d : -d;
+        for (std::uint64_t j = 0; j < kQ1_0.values; ++j) *out++ = ((signs[j / 8] >> (j % 8)) & 1u) ? d : -d;
       }
       return;
     default: break;

@@ -43,6 +43,32 @@ struct SourceTensor {
   std::uint64_t rows() const;      // elements() / cols()
 };
 
+// How a type stores the values of a row: `values` to a block of `bytes`
+// bytes, plus `tensor_bytes` once per tensor (I2_S's scale trailer). Plain
+// element types are blocks of one value; UNSUPPORTED has no layout (0).
+struct SourceStorage {
+  std::uint64_t values = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t tensor_bytes = 0;
+};
+
+constexpr SourceStorage source_storage(SourceType type) {
+  switch (type) {
+    case SourceType::F32: return {1, 4};
+    case SourceType::F16:
+    case SourceType::BF16: return {1, 2};
+    case SourceType::U8:
+    case SourceType::I8: return {1, 1};
+    case SourceType::Q8_0: return {32, 34};     // f16 d, 32 int8
+    case SourceType::Q1_0: return {128, 18};    // f16 d, 16 bytes of signs
+    case SourceType::Q2_0: return {64, 18};     // f16 d, 16 bytes of codes
+    case SourceType::TQ2_0: return {256, 66};   // 64 bytes of codes, f16 d
+    case SourceType::I2_S: return {128, 32, 32};  // 128-weight groups of 32 bytes, then a 32-byte scale trailer
+    case SourceType::UNSUPPORTED: break;
+  }
+  return {};
+}
+
 // Bytes that `shape` (outermost first) takes in `type`, or nullopt when the
 // type is UNSUPPORTED, the innermost extent is not a whole number of the
 // type's blocks, or the size overflows 64 bits.
