@@ -6,7 +6,6 @@
 #include <fstream>
 
 #include "e2e_support.h"
-#include "engine/init_config_parser.h"
 #include "tools/convert/checkpoint_forms.h"
 #include "tools/convert/convert_command.h"
 #include "tools/tool_test_files.h"
@@ -76,11 +75,8 @@ const Case kCases[] = {
 };
 
 // The model tool's model, with ternary gammas made powers of two.
-struct Reference {
+struct Reference : ModelParts {
   TempDir dir;
-  InitConfig config;
-  std::string file;
-  std::vector<PayloadObject> objects;
 };
 
 void make_reference(Reference& ref, const Case& c) {
@@ -89,10 +85,7 @@ void make_reference(Reference& ref, const Case& c) {
   options.insert(options.end(), c.model_options.begin(), c.model_options.end());
   if (c.arch == 1) options.insert(options.end(), {"--activation", "0"});  // BitNet's relu^2
   make_model(ref.dir.path(), options);
-  std::ifstream init(ref.dir.path() / "init.txt");
-  ref.config = read_init_config(init);
-  ref.file = tools::testing::read_text(ref.dir.path() / "qmodel.tensors");
-  ref.objects = split_payload(ref.config, ref.file);
+  static_cast<ModelParts&>(ref) = read_model_parts(ref.dir.path());
   round_gammas_to_powers_of_two(ref.file, ref.objects);
   write_bytes(ref.dir.path() / "qmodel.tensors", ref.file);
 }

@@ -9,7 +9,6 @@
 #include <functional>
 #include <limits>
 
-#include "engine/init_config_parser.h"
 #include "tools/convert/checkpoint_forms.h"
 #include "tools/convert/convert_command.h"
 #include "tools/lib/tool_commands.h"
@@ -23,12 +22,7 @@ using nlohmann::json;
 using tools::testing::TempDir;
 
 // A small model of the architecture, taken apart as the converter's tests do.
-struct Model {
-  InitConfig config;
-  std::vector<PayloadObject> objects;
-};
-
-Model small_model(int arch) {
+ModelParts small_model(int arch) {
   TempDir dir;
   const std::vector<std::string> args = {dir.path().string(), "--arch", std::to_string(arch), "--hidden", "256",
                                          "--intermediate", "768", "--layers", "2", "--heads", "2", "--kv-heads",
@@ -36,11 +30,7 @@ Model small_model(int arch) {
   const std::vector<std::string_view> views(args.begin(), args.end());
   std::ostringstream err;
   EXPECT_EQ(tools::run_make_model(views, err), 0) << err.str();
-  std::ifstream init(dir.path() / "init.txt");
-  Model model;
-  model.config = read_init_config(init);
-  model.objects = split_payload(model.config, tools::testing::read_text(dir.path() / "qmodel.tensors"));
-  return model;
+  return read_model_parts(dir.path());
 }
 
 struct ConvertRun {
@@ -75,7 +65,7 @@ class Refusals : public ::testing::Test {
   // A BitNet checkpoint of packed ternary weights, changed by `edit` before
   // it is written.
   fs::path bitnet_checkpoint(const std::function<void(json&, std::vector<TensorBytes>&)>& edit) {
-    static const Model model = small_model(1);
+    static const ModelParts model = small_model(1);
     json config = config_json(model.config, "BitNetForCausalLM");
     CheckpointRecipe recipe;
     recipe.projections = Form::PACKED_U8;
@@ -90,7 +80,7 @@ class Refusals : public ::testing::Test {
   // A GGUF file of the architecture, its tensors in `form`, changed by `edit`.
   fs::path gguf_checkpoint(int arch, const std::string& name, Form form,
                            const std::function<void(std::vector<TensorBytes>&)>& edit) {
-    const Model model = small_model(arch);
+    const ModelParts model = small_model(arch);
     CheckpointRecipe recipe{.gguf = true, .projections = form};
     std::vector<TensorBytes> tensors = checkpoint_tensors(model.config, model.objects, recipe);
     edit(tensors);

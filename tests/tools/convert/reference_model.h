@@ -8,10 +8,14 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include "config/init_config.h"
+#include "engine/init_config_parser.h"
 #include "runtime/bf16.h"
 #include "runtime/formats/q1_0.h"
 #include "runtime/formats/q1_58.h"
@@ -98,6 +102,23 @@ inline std::vector<PayloadObject> split_payload(const InitConfig& c, const std::
   }
   EXPECT_EQ(at, file.size()) << "the model file holds more or less than its objects";
   return objects;
+}
+
+// A model directory's init config and its model file, taken apart.
+struct ModelParts {
+  InitConfig config;
+  std::string file;
+  std::vector<PayloadObject> objects;
+};
+
+inline ModelParts read_model_parts(const std::filesystem::path& dir) {
+  ModelParts parts;
+  std::ifstream init(dir / "init.txt");
+  parts.config = read_init_config(init);
+  std::ifstream model(dir / "qmodel.tensors", std::ios::binary);
+  parts.file.assign(std::istreambuf_iterator<char>(model), std::istreambuf_iterator<char>());
+  parts.objects = split_payload(parts.config, parts.file);
+  return parts;
 }
 
 inline double ternary_gamma(const PayloadObject& o) {
