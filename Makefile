@@ -55,7 +55,7 @@ bench:
 	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON -DQUORVEL_TESTS=OFF
 	cmake --build build-release -j $(JOBS) --target kernels_bench quorvel-inference quorvel-bench
 	./build-release/bench/kernels_bench $(BENCH_ARGS)
-	./build-release/tools/host/quorvel-bench ./build-release/quorvel-inference build-release/bench-models
+	./build-release/host/quorvel-bench ./build-release/quorvel-inference build-release/bench-models
 
 # Conversion speed on a synthetic checkpoint of the 2B BitNet shape (30
 # layers, packed ternary, written once by bench/synthetic_checkpoint.py):
@@ -94,7 +94,7 @@ demo:
 	cmake --build build-release -j $(JOBS) --target quorvel-inference quorvel-make-model quorvel-demo
 	test -f $(DEMO_MODEL)/qmodel.tensors || ./build-release/tools/quorvel-make-model $(DEMO_MODEL) --arch 4 \
 	  --hidden 512 --intermediate 1536 --layers 6 --heads 4 --kv-heads 2 --head-dim 128 --vocab 4096 --max-pos 1024
-	./build-release/tools/host/quorvel-demo ./build-release/quorvel-inference $(DEMO_MODEL)
+	./build-release/host/quorvel-demo ./build-release/quorvel-inference $(DEMO_MODEL)
 
 # The 64-bit ARM build: cross-compiled with the aarch64 GNU toolchain
 # (g++-aarch64-linux-gnu) and run under qemu-user (qemu-aarch64), once as a

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/host/engine_process.h"
+#include "host/engine_process.h"
 #include "tools/lib/tool_commands.h"
 
 namespace quorvel::e2e {

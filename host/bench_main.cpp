@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "engine/init_config_parser.h"
-#include "tools/host/engine_process.h"
-#include "tools/host/memory_bandwidth.h"
+#include "host/engine_process.h"
+#include "host/memory_bandwidth.h"
 #include "tools/lib/tool_commands.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/host/memory_bandwidth.h"
+#include "host/memory_bandwidth.h"
 
 #include <algorithm>
 #include <chrono>

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "engine/init_config_parser.h"
-#include "tools/host/engine_process.h"
+#include "host/engine_process.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/host/engine_process.h"
+#include "host/engine_process.h"
 
 #include <fcntl.h>
 #include <spawn.h>
