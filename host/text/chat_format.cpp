@@ -6,6 +6,26 @@
 #include <stdexcept>
 
 namespace quorvel::text {
+
+// Appends markup (special tokens allowed) and message text (not allowed),
+// joining neighbours of the same kind.
+class Rendering {
+ public:
+  Rendering& markup(std::string_view text) { return append(text, true); }
+  Rendering& words(std::string_view text) { return append(text, false); }
+  std::vector<TextPart> parts() && { return std::move(parts_); }
+
+ private:
+  Rendering& append(std::string_view text, bool special_tokens) {
+    if (text.empty()) return *this;
+    if (parts_.empty() || parts_.back().special_tokens != special_tokens) parts_.push_back({"", special_tokens});
+    parts_.back().text += text;
+    return *this;
+  }
+
+  std::vector<TextPart> parts_;
+};
+
 namespace {
 
 constexpr std::string_view kWhitespace = " \t\n\r\v\f";
@@ -28,19 +48,19 @@ std::string_view strip_right(std::string_view text, std::string_view characters)
 
 constexpr std::string_view kLlama3Bos = "<|begin_of_text|>";
 
-std::string llama3_turn(std::string_view role, std::string_view content) {
-  return "<|start_header_id|>" + std::string(role) + "<|end_header_id|>\n\n" +
-         std::string(strip(content, kWhitespace)) + "<|eot_id|>";
+void llama3_turn(Rendering& out, std::string_view role, std::string_view content) {
+  out.markup("<|start_header_id|>").words(role).markup("<|end_header_id|>\n\n");
+  out.words(strip(content, kWhitespace)).markup("<|eot_id|>");
 }
 
-std::string bitnet_turn(std::string_view role, std::string_view content) {
+void bitnet_turn(Rendering& out, std::string_view role, std::string_view content) {
   std::string capitalised(role);
   if (!capitalised.empty() && capitalised[0] >= 'a' && capitalised[0] <= 'z') capitalised[0] -= 'a' - 'A';
-  return capitalised + ": " + std::string(content) + "<|eot_id|>";
+  out.words(capitalised).markup(": ").words(content).markup("<|eot_id|>");
 }
 
-std::string chatml_turn(std::string_view role, std::string_view content) {
-  return "<|im_start|>" + std::string(role) + "\n" + std::string(content) + "<|im_end|>\n";
+void chatml_turn(Rendering& out, std::string_view role, std::string_view content) {
+  out.markup("<|im_start|>").words(role).markup("\n").words(content).markup("<|im_end|>\n");
 }
 
 // An assistant message split the way the ChatML template splits it: the
@@ -89,62 +109,72 @@ const char* ChatFormat::name() const {
   return kNames[static_cast<int>(family_)];
 }
 
-std::string ChatFormat::generation_prompt() const {
+void ChatFormat::generation_prompt(Rendering& out) const {
   switch (family_) {
-    case ChatFamily::LLAMA3: return "<|start_header_id|>assistant<|end_header_id|>\n\n";
-    case ChatFamily::BITNET: return "Assistant: ";
+    case ChatFamily::LLAMA3: out.markup("<|start_header_id|>assistant<|end_header_id|>\n\n"); break;
+    case ChatFamily::BITNET: out.markup("Assistant: "); break;
     case ChatFamily::CHATML:
-      return thinking_ ? "<|im_start|>assistant\n" : "<|im_start|>assistant\n<think>\n\n</think>\n\n";
+      out.markup(thinking_ ? "<|im_start|>assistant\n" : "<|im_start|>assistant\n<think>\n\n</think>\n\n");
+      break;
     case ChatFamily::COMPLETION: break;
   }
-  return "";
 }
 
-std::string ChatFormat::render_chatml(std::span<const ChatMessage> messages) const {
-  std::string text;
+void ChatFormat::render_chatml(Rendering& out, std::span<const ChatMessage> messages) const {
   const std::size_t query = last_query(messages);
   for (std::size_t i = 0; i < messages.size(); ++i) {
     const ChatMessage& m = messages[i];
     if (m.role != "assistant") {
-      text += chatml_turn(m.role, m.content);
+      chatml_turn(out, m.role, m.content);
       continue;
     }
     const Reply reply = split_reply(m.content);
     const bool keeps_reasoning = i > query && (i + 1 == messages.size() || !reply.reasoning.empty());
-    text += "<|im_start|>assistant\n";
-    if (keeps_reasoning) text += "<think>\n" + std::string(strip(reply.reasoning, "\n")) + "\n</think>\n\n";
-    text += std::string(reply.answer) + "<|im_end|>\n";
+    out.markup("<|im_start|>assistant\n");
+    if (keeps_reasoning) out.markup("<think>\n").words(strip(reply.reasoning, "\n")).markup("\n</think>\n\n");
+    out.words(reply.answer).markup("<|im_end|>\n");
   }
-  return text;
 }
 
-std::string ChatFormat::render(std::span<const ChatMessage> messages, bool add_generation_prompt) const {
-  std::string text;
+std::vector<TextPart> ChatFormat::render(std::span<const ChatMessage> messages, bool add_generation_prompt) const {
+  Rendering out;
   switch (family_) {
     case ChatFamily::LLAMA3:
-      text = kLlama3Bos;
-      for (const ChatMessage& m : messages) text += llama3_turn(m.role, m.content);
+      out.markup(kLlama3Bos);
+      for (const ChatMessage& m : messages) llama3_turn(out, m.role, m.content);
       break;
     case ChatFamily::BITNET:
-      text = kLlama3Bos;
-      for (const ChatMessage& m : messages) text += bitnet_turn(m.role, m.content);
+      out.markup(kLlama3Bos);
+      for (const ChatMessage& m : messages) bitnet_turn(out, m.role, m.content);
       break;
-    case ChatFamily::CHATML: text = render_chatml(messages); break;
+    case ChatFamily::CHATML: render_chatml(out, messages); break;
     case ChatFamily::COMPLETION:
-      for (const ChatMessage& m : messages) text += m.content;
+      for (const ChatMessage& m : messages) out.words(m.content);
       break;
   }
-  return add_generation_prompt ? text + generation_prompt() : text;
+  if (add_generation_prompt) generation_prompt(out);
+  return std::move(out).parts();
 }
 
-std::string ChatFormat::next_turn(std::string_view user_text) const {
+std::vector<TextPart> ChatFormat::next_turn(std::string_view user_text) const {
+  Rendering out;
   switch (family_) {
-    case ChatFamily::LLAMA3: return llama3_turn("user", user_text) + generation_prompt();
-    case ChatFamily::BITNET: return bitnet_turn("user", user_text) + generation_prompt();
-    case ChatFamily::CHATML: return "\n" + chatml_turn("user", user_text) + generation_prompt();
-    case ChatFamily::COMPLETION: break;
+    case ChatFamily::LLAMA3: llama3_turn(out, "user", user_text); break;
+    case ChatFamily::BITNET: bitnet_turn(out, "user", user_text); break;
+    case ChatFamily::CHATML:
+      out.markup("\n");
+      chatml_turn(out, "user", user_text);
+      break;
+    case ChatFamily::COMPLETION: out.words(user_text); break;
   }
-  return std::string(user_text);
+  generation_prompt(out);
+  return std::move(out).parts();
+}
+
+std::optional<std::string> ChatFormat::end_of_turn() const {
+  const std::vector<std::string> stops = stop_tokens();
+  if (stops.empty()) return std::nullopt;
+  return stops.front();
 }
 
 std::vector<std::string> ChatFormat::stop_tokens() const {

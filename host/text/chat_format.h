@@ -12,7 +12,11 @@
 #include <string_view>
 #include <vector>
 
+#include "host/text/tokenizer.h"
+
 namespace quorvel::text {
+
+class Rendering;
 
 struct ChatMessage {
   std::string role;  // "system", "user" or "assistant"
@@ -43,19 +47,23 @@ class ChatFormat {
   const char* name() const;
 
   // The whole conversation as the family's template renders it; with
-  // `add_generation_prompt` the assistant's turn is opened at the end.
-  std::string render(std::span<const ChatMessage> messages, bool add_generation_prompt = true) const;
+  // `add_generation_prompt` the assistant's turn is opened at the end. The
+  // messages' own text is kept apart from the markup, so that special-token
+  // text typed by a user is encoded as plain text.
+  std::vector<TextPart> render(std::span<const ChatMessage> messages, bool add_generation_prompt = true) const;
 
   // What follows an assistant reply that ended with its end-of-turn token:
   // the rest of that turn, the user's next turn, and the assistant's opening.
-  std::string next_turn(std::string_view user_text) const;
+  std::vector<TextPart> next_turn(std::string_view user_text) const;
 
-  // The special tokens a reply ends at.
+  // The special tokens a reply ends at, the end-of-turn token first.
   std::vector<std::string> stop_tokens() const;
+  // The token that closes an assistant turn (none for plain completion).
+  std::optional<std::string> end_of_turn() const;
 
  private:
-  std::string render_chatml(std::span<const ChatMessage> messages) const;
-  std::string generation_prompt() const;
+  void render_chatml(Rendering& out, std::span<const ChatMessage> messages) const;
+  void generation_prompt(Rendering& out) const;
 
   ChatFamily family_;
   bool thinking_;

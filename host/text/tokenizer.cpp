@@ -8,6 +8,12 @@
 
 namespace quorvel::text {
 
+std::string joined(const std::vector<TextPart>& parts) {
+  std::string text;
+  for (const TextPart& part : parts) text += part.text;
+  return text;
+}
+
 Tokenizer::Tokenizer(const std::filesystem::path& tokenizer_json)
     : Tokenizer(read_tokenizer_json(tokenizer_json), tokenizer_json) {}
 
@@ -22,24 +28,38 @@ Tokenizer::Tokenizer(TokenizerDefinition definition, const std::filesystem::path
 }
 
 std::vector<TokenId> Tokenizer::encode(std::string_view text, bool special_tokens) const {
-  if (const std::optional<std::size_t> bad = first_invalid_utf8_byte(text)) {
-    throw TextError("input is not valid UTF-8 at byte " + std::to_string(*bad));
+  return encode({TextPart{std::string(text), special_tokens}});
+}
+
+std::vector<TokenId> Tokenizer::encode(const std::vector<TextPart>& parts) const {
+  std::size_t size = 0;
+  for (const TextPart& part : parts) {
+    if (const std::optional<std::size_t> bad = first_invalid_utf8_byte(part.text)) {
+      throw TextError("input is not valid UTF-8 at byte " + std::to_string(size + *bad));
+    }
+    size += part.text.size();
   }
   std::vector<TokenId> ids;
-  ids.reserve(text.size() / 3 + 1);
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const std::optional<AddedTokenMatch> match = added_tokens_.find(text, done, special_tokens);
-    const std::size_t end = match ? match->offset : text.size();
-    if (end > done) encode_ordinary(text.substr(done, end - done), ids);
-    if (!match) break;
-    ids.push_back(match->id);
-    done = match->offset + match->length;
+  ids.reserve(size / 3 + 1);
+  std::string ordinary;  // text since the last added token, possibly from several parts
+  for (const TextPart& part : parts) {
+    const std::string_view text = part.text;
+    std::size_t done = 0;
+    while (const std::optional<AddedTokenMatch> match = added_tokens_.find(text, done, part.special_tokens)) {
+      ordinary.append(text.substr(done, match->offset - done));
+      encode_ordinary(ordinary, ids);
+      ordinary.clear();
+      ids.push_back(match->id);
+      done = match->offset + match->length;
+    }
+    ordinary.append(text.substr(done));
   }
+  encode_ordinary(ordinary, ids);
   return ids;
 }
 
 void Tokenizer::encode_ordinary(std::string_view text, std::vector<TokenId>& ids) const {
+  if (text.empty()) return;
   const auto encode_piece = [&](std::string_view piece) { model_->encode_piece(piece, ids); };
   if (!nfc_) {
     split_->split(text, encode_piece);

@@ -18,6 +18,16 @@
 
 namespace quorvel::text {
 
+// A stretch of text to encode and whether special tokens may be matched in
+// it: a chat format's markup may hold them, the user's words may not.
+struct TextPart {
+  std::string text;
+  bool special_tokens;
+};
+
+// The parts' text, concatenated.
+std::string joined(const std::vector<TextPart>& parts);
+
 class Tokenizer {
  public:
   explicit Tokenizer(const std::filesystem::path& tokenizer_json);
@@ -26,6 +36,12 @@ class Tokenizer {
   // With `special_tokens` false, the text of a special token is encoded like any other text; added tokens
   // that are not special are still matched.
   std::vector<TokenId> encode(std::string_view text, bool special_tokens = true) const;
+
+  // The ids of the parts' concatenation, special tokens matched only inside
+  // the parts that allow them. Ordinary text runs on across part boundaries,
+  // so the ids equal those of encode(concatenation) whenever the parts that
+  // forbid special tokens hold none.
+  std::vector<TokenId> encode(const std::vector<TextPart>& parts) const;
 
   // The bytes of the tokens, concatenated; an id without a token throws.
   std::string decode(const std::vector<TokenId>& ids) const;

@@ -31,16 +31,16 @@ TEST(ChatFormat, RendersConversationsAsThePublishersTemplatesDo) {
   for (const json& c : cases) {
     const ChatFormat format = ChatFormat::named(c["family"].get<std::string>(), c["thinking"].get<bool>());
     const std::vector<ChatMessage> messages = messages_of(c["messages"]);
-    EXPECT_EQ(format.render(messages, c["add_generation_prompt"]), c["text"].get<std::string>()) << c.dump();
+    EXPECT_EQ(joined(format.render(messages, c["add_generation_prompt"])), c["text"].get<std::string>()) << c.dump();
   }
 }
 
 // The family's own format for BitNet: roles capitalised, the Llama 3 tokenizer's tokens.
 TEST(ChatFormat, BitNetTurns) {
   const std::vector<ChatMessage> messages = {{"system", "Be brief."}, {"user", "Hi"}};
-  EXPECT_EQ(ChatFormat::named("bitnet").render(messages),
+  EXPECT_EQ(joined(ChatFormat::named("bitnet").render(messages)),
             "<|begin_of_text|>System: Be brief.<|eot_id|>User: Hi<|eot_id|>Assistant: ");
-  EXPECT_EQ(ChatFormat::named("completion").render(messages), "Be brief.Hi");
+  EXPECT_EQ(joined(ChatFormat::named("completion").render(messages)), "Be brief.Hi");
 }
 
 // A cached conversation grows by the reply as generated (ending in its
@@ -52,12 +52,12 @@ TEST(ChatFormat, TurnByTurnTextEqualsTheWholeRendering) {
     for (const bool thinking : {true, false}) {
       const ChatFormat format = ChatFormat::named(name, thinking);
       const std::string end = format.stop_tokens().empty() ? "" : format.stop_tokens().front();
-      const std::string cached = format.render(messages) + "4." + end + format.next_turn("And times 3?");
+      const std::string cached = joined(format.render(messages)) + "4." + end + joined(format.next_turn("And times 3?"));
       std::vector<ChatMessage> whole = messages;
       whole.push_back({"assistant", "4."});
       whole.push_back({"user", "And times 3?"});
       if (format.family() == ChatFamily::CHATML && !thinking) continue;  // the template drops the empty think block
-      EXPECT_EQ(cached, format.render(whole)) << name;
+      EXPECT_EQ(cached, joined(format.render(whole))) << name;
     }
   }
 }

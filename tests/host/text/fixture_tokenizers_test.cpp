@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/text/chat_format.h"
 #include "host/text/nfc.h"
 #include "host/text/stream_decoder.h"
 #include "host/text/tokenizer.h"
@@ -66,6 +67,28 @@ TEST_P(FixtureTokenizer, SpecialTokenTextIsOneIdOnlyWithMatchingOn) {
   EXPECT_GT(plain.size(), 1u);
   EXPECT_EQ(std::count(plain.begin(), plain.end(), eot_id), 0);
   EXPECT_EQ(tokenizer().decode(plain), eot);
+}
+
+// A chat turn: markup around a message. The message's special-token text is
+// plain text, and ordinary text runs on across the parts as in one string
+// (the BitNet format's "User: " is followed by the message's first word).
+TEST_P(FixtureTokenizer, ChatPartsMatchSpecialTokensOnlyInTheMarkup) {
+  const ChatFormat format = ChatFormat::named(GetParam().nfc ? "chatml" : "bitnet");
+  bool saw_special_text = false;
+  for (const std::string& text : corpus()) {
+    const std::vector<ChatMessage> turn{{"user", text}};
+    const std::vector<TokenId> ids = tokenizer().encode(format.render(turn));
+    const std::string whole = joined(format.render(turn));
+    EXPECT_EQ(tokenizer().decode(ids), GetParam().nfc ? to_nfc(whole) : whole);
+    const std::vector<TokenId> as_one_string = tokenizer().encode(whole);
+    if (tokenizer().encode(text, false) == tokenizer().encode(text, true)) {
+      EXPECT_EQ(ids, as_one_string) << text;
+    } else {
+      saw_special_text = true;
+      EXPECT_GT(ids.size(), as_one_string.size()) << text;
+    }
+  }
+  EXPECT_TRUE(saw_special_text);
 }
 
 TEST_P(FixtureTokenizer, DecodeGivesBackTheTextInNormalForm) {
