@@ -24,8 +24,8 @@ class StreamDecoderTest : public ::testing::Test {
   static void TearDownTestSuite() { delete tokenizer_; }
 
   // What each pushed byte gives, and then what finish() gives.
-  static std::vector<std::string> stream(const std::string& bytes) {
-    StreamDecoder decoder(*tokenizer_);
+  static std::vector<std::string> stream(const std::string& bytes, std::vector<std::string> stops = {}) {
+    StreamDecoder decoder(*tokenizer_, std::move(stops));
     std::vector<std::string> parts;
     for (const char byte : bytes) parts.push_back(decoder.push(static_cast<unsigned char>(byte)));
     parts.push_back(decoder.finish());
@@ -58,6 +58,32 @@ TEST_F(StreamDecoderTest, FinishReplacesAHeldTailAndEmptiesTheDecoder) {
   EXPECT_EQ(decoder.finish(), kReplacement);
   EXPECT_EQ(decoder.finish(), "");
   EXPECT_EQ(decoder.push('z'), "z");
+}
+
+TEST_F(StreamDecoderTest, EndsWhereAStopStringBeginsAndHoldsWhatMayStillBeginOne) {
+  // "\nU" could begin the stop string until "x" shows it does not.
+  EXPECT_EQ(stream("a\nUx", {"\nUser:"}), (std::vector<std::string>{"a", "", "", "\nUx", ""}));
+  std::vector<std::string> until_stop{"h", "i"};
+  until_stop.resize(std::string("hi\nUser: more").size() + 1);  // nothing more, finish() included
+  EXPECT_EQ(stream("hi\nUser: more", {"\nUser:"}), until_stop);
+  // The earliest of two stop strings wins, wherever it is in the list; what is held at the end is text.
+  EXPECT_EQ(stream("xyzw", {"zw", "yz"}), (std::vector<std::string>{"x", "", "", "", ""}));
+  EXPECT_EQ(stream("go!", {"!?"}), (std::vector<std::string>{"g", "o", "", "!"}));
+}
+
+TEST_F(StreamDecoderTest, CountsTheBytesBeforeTheStopStringAndClosesACharacterCutByIt) {
+  StreamDecoder decoder(*tokenizer_, {"END"});
+  std::string text;
+  for (const char byte : std::string("\xE2\x82\xAC \xE2\x82" "END!")) text += decoder.push(static_cast<unsigned char>(byte));
+  EXPECT_TRUE(decoder.stopped());
+  EXPECT_EQ(decoder.accepted_bytes(), 6u);
+  EXPECT_EQ(text, "\xE2\x82\xAC " + kReplacement);
+  EXPECT_EQ(decoder.finish(), "");
+
+  StreamDecoder plain(*tokenizer_, {"END"});
+  plain.push('E');
+  EXPECT_FALSE(plain.stopped());
+  EXPECT_EQ(plain.accepted_bytes(), 1u);
 }
 
 }  // namespace
