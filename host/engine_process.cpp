@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -48,6 +50,11 @@ std::string temp_path(const char* tag) {
 
 }  // namespace
 
+std::string describe_end(int exit_status, int signal) {
+  if (signal != 0) return "was killed by signal " + std::to_string(signal) + " (" + strsignal(signal) + ")";
+  return "exited with status " + std::to_string(exit_status);
+}
+
 ProcessResult run_process(const std::vector<std::string>& argv, const std::string& input) {
   const std::string in_path = temp_path("in"), out_path = temp_path("out"), err_path = temp_path("err");
   std::ofstream(in_path, std::ios::binary) << input;
@@ -84,8 +91,13 @@ EngineSession::EngineSession(const std::vector<std::string>& argv, const std::st
   for (int fd : {to_child[0], to_child[1], from_child[0], from_child[1]}) {
     posix_spawn_file_actions_addclose(&actions, fd);
   }
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attributes, 0);
   auto args = c_argv(argv);
-  const int spawned = posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ);
+  const int spawned = posix_spawn(&pid_, args[0], &actions, &attributes, args.data(), environ);
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   close(to_child[0]);
   close(from_child[1]);
@@ -98,9 +110,9 @@ EngineSession::~EngineSession() {
   if (pid_ > 0) finish();
 }
 
-void EngineSession::send(const std::string& text) {
-  std::fwrite(text.data(), 1, text.size(), to_engine_);
-  std::fflush(to_engine_);
+bool EngineSession::send(const std::string& text) {
+  const bool written = std::fwrite(text.data(), 1, text.size(), to_engine_) == text.size();
+  return std::fflush(to_engine_) == 0 && written;
 }
 
 std::optional<std::string> EngineSession::read_line() {
@@ -114,12 +126,16 @@ std::optional<std::string> EngineSession::read_line() {
 int EngineSession::finish() {
   if (to_engine_) std::fclose(to_engine_);
   to_engine_ = nullptr;
-  int exit_status = -1, signal = 0;
-  wait_for(pid_, exit_status, signal);
+  if (pid_ > 0) wait_for(pid_, exit_status_, signal_);
   pid_ = -1;
   if (from_engine_) std::fclose(from_engine_);
   from_engine_ = nullptr;
-  return signal != 0 ? 128 + signal : exit_status;
+  return signal_ != 0 ? 128 + signal_ : exit_status_;
+}
+
+void EngineSession::kill() {
+  if (pid_ > 0) ::kill(pid_, SIGKILL);
+  finish();
 }
 
 namespace {

@@ -22,8 +22,14 @@ struct ProcessResult {
 // output streams.
 ProcessResult run_process(const std::vector<std::string>& argv, const std::string& input);
 
+// How a child process ended, in words: "exited with status 1", "was
+// killed by signal 9 (Killed)".
+std::string describe_end(int exit_status, int signal);
+
 // A running engine with pipes on standard input and output; standard error
-// goes to the given file (or is inherited when empty).
+// goes to the given file (or is inherited when empty). The engine runs in a
+// process group of its own, so that an interrupt typed at the terminal
+// reaches the host alone and the host decides what to do with it.
 class EngineSession {
  public:
   EngineSession(const std::vector<std::string>& argv, const std::string& stderr_path = "");
@@ -31,14 +37,22 @@ class EngineSession {
   EngineSession(const EngineSession&) = delete;
   EngineSession& operator=(const EngineSession&) = delete;
 
-  void send(const std::string& text);
+  // False when the engine no longer reads (it has ended); the caller must
+  // not have SIGPIPE end the host.
+  bool send(const std::string& text);
   // The next output line without its line feed; nullopt at end of output.
   std::optional<std::string> read_line();
   // Closes standard input and waits; returns the exit status (or 128 + signal).
   int finish();
+  // Ends the engine at once (SIGKILL) and waits for it.
+  void kill();
+  // After finish() or kill(): how the process ended, in words.
+  std::string how_it_ended() const { return describe_end(exit_status_, signal_); }
 
  private:
   pid_t pid_ = -1;
+  int exit_status_ = -1;
+  int signal_ = 0;
   std::FILE* to_engine_ = nullptr;
   std::FILE* from_engine_ = nullptr;
 };

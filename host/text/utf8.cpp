@@ -51,4 +51,15 @@ std::optional<std::size_t> first_invalid_utf8_byte(std::string_view bytes) {
   return std::nullopt;
 }
 
+std::string with_replacements(std::string_view bytes) {
+  std::string text;
+  text.reserve(bytes.size());
+  for (std::size_t offset = 0; offset < bytes.size();) {
+    const Utf8Sequence sequence = next_utf8_sequence(bytes, offset);
+    text += sequence.kind == Utf8Kind::complete ? bytes.substr(offset, sequence.length) : "\xEF\xBF\xBD";
+    offset += sequence.length;
+  }
+  return text;
+}
+
 }  // namespace quorvel::text

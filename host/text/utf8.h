@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace quorvel::text {
@@ -22,5 +23,8 @@ Utf8Sequence next_utf8_sequence(std::string_view bytes, std::size_t offset);
 // The offset of the first byte that is not part of a complete, valid character, if any (a sequence cut
 // short by a bad continuation or by the end of the text is bad from its first byte).
 std::optional<std::size_t> first_invalid_utf8_byte(std::string_view bytes);
+
+// The bytes with every ill-formed or incomplete sequence replaced by U+FFFD.
+std::string with_replacements(std::string_view bytes);
 
 }  // namespace quorvel::text
