@@ -29,15 +29,16 @@ void add_generation_options(CLI::App& command, GenerationOptions& options) {
   SamplingOptions& s = options.sampling;
   command.add_option("-n,--max-tokens", s.max_tokens, "Tokens to generate at most (0: until an end token)");
   command.add_option_function<double>(
-      "--temp", [&s](const double& v) { s.temperature = v; }, "Temperature (0: greedy)");
+      "--temp", [&s](const double& v) { s.temperature = v; }, "Temperature, 0 for greedy (default: the model's generation_config.json, else 0.6)");
   command.add_option_function<std::uint64_t>(
-      "--top-k", [&s](const std::uint64_t& v) { s.top_k = v; }, "Sample from the K likeliest tokens (1..256)");
+      "--top-k", [&s](const std::uint64_t& v) { s.top_k = v; }, "Sample from the K likeliest tokens, 1..256 (default: as for --temp, else 50)");
   command.add_option_function<double>(
-      "--top-p", [&s](const double& v) { s.top_p = v; }, "Sample from the smallest set holding probability P");
+      "--top-p", [&s](const double& v) { s.top_p = v; }, "Sample from the smallest set holding probability P (default: as for --temp, else 0.9)");
   command.add_option_function<double>(
       "--repeat-penalty", [&s](const double& v) { s.repeat_penalty = v; },
-      "Penalty for tokens among the last 64 (1: none)");
-  command.add_option("--stop", options.stop_strings, "Stop the reply where this text begins (repeatable)");
+      "Penalty for tokens among the last 64, 1 for none (default: as for --temp, else 1.1)");
+  command.add_option("--stop", options.stop_strings, "Stop the reply where this text begins (repeatable)")
+      ->allow_extra_args(false);
   command.add_option("-t,--threads", options.threads, "Engine threads (default: the model's init.txt, else all)")
       ->check(CLI::PositiveNumber);
   command.add_option("--engine", options.engine, "The engine binary (default: quorvel-inference beside quorvel)");
