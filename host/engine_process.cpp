@@ -165,7 +165,9 @@ TimedAnswer ask(EngineSession& session, const std::string& block, const std::vec
   });
 }
 
-void wait_until_loaded(EngineSession& session) { ask_lines(session, "1\nkv_position=0\n", 2); }
+bool wait_until_loaded(EngineSession& session) {
+  return ask_lines(session, "1\nkv_position=0\n", 2).lines.size() == 2;
+}
 
 TimedAnswer ask_lines(EngineSession& session, const std::string& block, std::size_t lines) {
   std::size_t seen = 0;

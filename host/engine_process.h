@@ -70,8 +70,8 @@ TimedAnswer ask(EngineSession& session, const std::string& block, const std::vec
 
 // Sends an empty request and waits for its two answer lines: the engine
 // answers only once the model is loaded, so timings taken after this
-// measure generation, not loading.
-void wait_until_loaded(EngineSession& session);
+// measure generation, not loading. False when the engine ended instead.
+bool wait_until_loaded(EngineSession& session);
 
 // Sends one request block and reads exactly `lines` lines, for runs whose
 // length is fixed by max_tokens and that configure no end-of-sequence id.

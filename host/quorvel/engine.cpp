@@ -40,15 +40,11 @@ Engine::Engine(std::filesystem::path binary, std::filesystem::path model_dir, co
 void Engine::start() {
   const Clock::time_point begin = Clock::now();
   session_ = std::make_unique<host::EngineSession>(std::vector<std::string>{binary_.string(), model_dir_.string()});
-  // A request without tokens is answered only once the model is loaded, and computes nothing.
-  if (!session_->send(tools::format_init_text(config_) + "1\nkv_position=0\n")) stopped_unexpectedly();
-  for (int line = 0; line < 2; ++line) {
-    if (!next_line()) stopped_unexpectedly();
+  if (!session_->send(tools::format_init_text(config_)) || !host::wait_until_loaded(*session_)) {
+    stopped_unexpectedly();
   }
   load_seconds_ = seconds(Clock::now() - begin);
 }
-
-std::optional<std::string> Engine::next_line() { return session_->read_line(); }
 
 void Engine::stopped_unexpectedly() {
   session_->finish();
@@ -66,7 +62,7 @@ Answer Engine::ask(const Request& request, const std::function<bool(text::TokenI
   if (!session_->send(request_block(request))) stopped_unexpectedly();
   bool wanted = true;
   while (true) {
-    const std::optional<std::string> line = next_line();
+    const std::optional<std::string> line = session_->read_line();
     if (!line) stopped_unexpectedly();
     const auto id = static_cast<text::TokenId>(parse_number(*line));
     answer.last_token = Clock::now();
@@ -81,7 +77,7 @@ Answer Engine::ask(const Request& request, const std::function<bool(text::TokenI
       return answer;
     }
   }
-  const std::optional<std::string> position = next_line();
+  const std::optional<std::string> position = session_->read_line();
   if (!position) stopped_unexpectedly();
   answer.position = parse_number(*position);
   return answer;

@@ -59,7 +59,6 @@ class Engine {
 
  private:
   void start();
-  std::optional<std::string> next_line();
   [[noreturn]] void stopped_unexpectedly();
   bool drain_is_quicker(const Request& request, const Answer& answer) const;
 

@@ -87,8 +87,9 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    const int status = app.exit(error);
-    return status == 0 ? 0 : kExitUsage;
+    if (error.get_exit_code() == 0) return app.exit(error);  // --help
+    std::cerr << "Error: " << error.what() << " (quorvel --help lists the commands)" << std::endl;
+    return kExitUsage;
   }
   try {
     if (*run_app) return run_command(run);

@@ -26,6 +26,13 @@ const text::Tokenizer& llama3() {
   return tokenizer;
 }
 
+std::vector<TokenId> ids(const std::string& text) { return llama3().encode(text, false); }
+
+std::vector<TokenId> with_end(std::vector<TokenId> reply, TokenId end) {
+  reply.push_back(end);
+  return reply;
+}
+
 // Plays the engine: a cache of ids that each request overwrites from its kv_position on.
 class FakeEngine {
  public:
@@ -37,15 +44,14 @@ class FakeEngine {
     cache.insert(cache.end(), reply.begin(), reply.end());
     return cache.size();
   }
+  // Answers the turn with `text` and `end`, all of it kept; returns the reply's ids.
+  std::vector<TokenId> reply(Conversation& conversation, const TurnRequest& turn, const std::string& text, TokenId end) {
+    const std::vector<TokenId> generated = with_end(ids(text), end);
+    conversation.add_reply(generated, answer(turn, generated), true, text.size());
+    return generated;
+  }
   std::vector<TokenId> cache;
 };
-
-std::vector<TokenId> ids(const std::string& text) { return llama3().encode(text, false); }
-
-std::vector<TokenId> with_end(std::vector<TokenId> reply, TokenId end) {
-  reply.push_back(end);
-  return reply;
-}
 
 // The whole conversation as the template renders it, the assistant's turn opened.
 std::vector<TokenId> rendered(const ChatFormat& format, const std::vector<ChatMessage>& messages) {
@@ -58,15 +64,13 @@ TEST(Conversation, EachTurnSendsOnlyWhatTheCacheLacksAndTheCacheHoldsTheRendered
   FakeEngine engine;
   const TurnRequest first = conversation.add_user("What is 2+2?", 64);
   EXPECT_EQ(first.kv_position, 0u);
-  const std::vector<TokenId> reply = with_end(ids("4."), kEndOfTurn);
-  std::uint64_t position = engine.answer(first, reply);
-  conversation.add_reply(reply, position, true, 2);
+  const std::vector<TokenId> reply = engine.reply(conversation, first, "4.", kEndOfTurn);
 
   const TurnRequest second = conversation.add_user("And times 3?", 64);
-  EXPECT_EQ(second.kv_position, position);
+  EXPECT_EQ(second.kv_position, engine.cache.size());
   const std::vector<ChatMessage> messages{
       {"system", "Be brief."}, {"user", "What is 2+2?"}, {"assistant", "4."}, {"user", "And times 3?"}};
-  position = engine.answer(second, {});
+  engine.answer(second, {});
   EXPECT_EQ(engine.cache, rendered(format, messages));
   EXPECT_EQ(second.tokens.size(), engine.cache.size() - first.tokens.size() - reply.size());
 }
@@ -76,8 +80,7 @@ TEST(Conversation, AReplyEndedByAnotherEndTokenIsClosedByTheEndOfTurnToken) {
   Conversation conversation(llama3(), format, 4096, std::nullopt, "");
   FakeEngine engine;
   const TurnRequest first = conversation.add_user("Hi", 64);
-  const std::vector<TokenId> reply = with_end(ids("Hello"), kEndOfText);
-  conversation.add_reply(reply, engine.answer(first, reply), true, 5);
+  engine.reply(conversation, first, "Hello", kEndOfText);
   const TurnRequest second = conversation.add_user("Bye", 64);
   // The end-of-text id in the cache is rewritten: the turn starts one position earlier.
   EXPECT_EQ(second.kv_position, engine.cache.size() - 1);
@@ -130,8 +133,7 @@ TEST(Conversation, ATurnThatDoesNotFitDropsTheOldestTurnsButKeepsTheSystemTurn) 
   Conversation conversation(llama3(), format, one_turn + 12, std::nullopt, system);
   FakeEngine engine;
   TurnRequest turn = conversation.add_user(long_message, 8);
-  const std::vector<TokenId> reply = with_end(ids("Yes"), kEndOfTurn);
-  conversation.add_reply(reply, engine.answer(turn, reply), true, 3);
+  engine.reply(conversation, turn, "Yes", kEndOfTurn);
 
   turn = conversation.add_user(long_message + "?", 8);
   EXPECT_EQ(turn.dropped_turns, 1u);
@@ -152,8 +154,7 @@ TEST(Conversation, ResetStartsFromTheSystemTurnAndReusesItsCachedIds) {
   Conversation conversation(llama3(), format, 4096, std::nullopt, "Be kind.");
   FakeEngine engine;
   const TurnRequest first = conversation.add_user("One", 64);
-  const std::vector<TokenId> reply = with_end(ids("Two"), kEndOfTurn);
-  conversation.add_reply(reply, engine.answer(first, reply), true, 3);
+  engine.reply(conversation, first, "Two", kEndOfTurn);
   conversation.reset();
   const TurnRequest again = conversation.add_user("Three", 64);
   EXPECT_GT(again.kv_position, 0u);
@@ -166,8 +167,7 @@ TEST(Conversation, PlainTextBeginsWithTheBeginOfTextTokenOnce) {
   FakeEngine engine;
   const TurnRequest first = conversation.add_user("Once upon", 8);
   EXPECT_EQ(first.tokens.front(), 128000);
-  const std::vector<TokenId> reply = with_end(ids(" a time"), kEndOfText);
-  conversation.add_reply(reply, engine.answer(first, reply), true, 7);
+  engine.reply(conversation, first, " a time", kEndOfText);
   const TurnRequest second = conversation.add_user(" there", 8);
   engine.answer(second, {});
   EXPECT_EQ(std::count(engine.cache.begin(), engine.cache.end(), 128000), 1);
