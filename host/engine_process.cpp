@@ -123,13 +123,15 @@ std::optional<std::string> EngineSession::read_line() {
   return line;
 }
 
+// Both pipes close before the wait: an engine still writing an answer that
+// nobody will read ends on the closed pipe instead of blocking on a full one.
 int EngineSession::finish() {
   if (to_engine_) std::fclose(to_engine_);
   to_engine_ = nullptr;
-  if (pid_ > 0) wait_for(pid_, exit_status_, signal_);
-  pid_ = -1;
   if (from_engine_) std::fclose(from_engine_);
   from_engine_ = nullptr;
+  if (pid_ > 0) wait_for(pid_, exit_status_, signal_);
+  pid_ = -1;
   return signal_ != 0 ? 128 + signal_ : exit_status_;
 }
 

@@ -42,7 +42,7 @@ class EngineSession {
   bool send(const std::string& text);
   // The next output line without its line feed; nullopt at end of output.
   std::optional<std::string> read_line();
-  // Closes standard input and waits; returns the exit status (or 128 + signal).
+  // Closes both pipes and waits; returns the exit status (or 128 + signal).
   int finish();
   // Ends the engine at once (SIGKILL) and waits for it.
   void kill();

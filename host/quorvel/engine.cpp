@@ -13,12 +13,10 @@ namespace {
 
 double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
-std::uint64_t parse_number(const std::string& line) {
+std::optional<std::uint64_t> parse_number(const std::string& line) {
   std::uint64_t value = 0;
   const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), value);
-  if (error != std::errc() || end != line.data() + line.size() || line.empty()) {
-    throw CommandError("the engine printed '" + line + "' where a number belongs", kExitEngineStopped);
-  }
+  if (error != std::errc() || end != line.data() + line.size() || line.empty()) return std::nullopt;
   return value;
 }
 
@@ -51,6 +49,15 @@ void Engine::stopped_unexpectedly() {
   throw CommandError("the engine (" + binary_.string() + ") " + session_->how_it_ended(), kExitEngineStopped);
 }
 
+// An engine that prints something else than numbers is not one we can talk to: it is ended.
+std::uint64_t Engine::number(const std::string& line) {
+  const std::optional<std::uint64_t> value = parse_number(line);
+  if (value) return *value;
+  session_->kill();
+  throw CommandError("the engine (" + binary_.string() + ") printed '" + line + "' where a number belongs",
+                     kExitEngineStopped);
+}
+
 bool Engine::is_end(text::TokenId id) const {
   const auto* eos = config_.eos_tokens.data();
   return std::find(eos, eos + config_.num_eos_tokens, static_cast<std::int64_t>(id)) != eos + config_.num_eos_tokens;
@@ -64,7 +71,7 @@ Answer Engine::ask(const Request& request, const std::function<bool(text::TokenI
   while (true) {
     const std::optional<std::string> line = session_->read_line();
     if (!line) stopped_unexpectedly();
-    const auto id = static_cast<text::TokenId>(parse_number(*line));
+    const auto id = static_cast<text::TokenId>(number(*line));
     answer.last_token = Clock::now();
     if (answer.ids.empty()) answer.first_token = answer.last_token;
     answer.ids.push_back(id);
@@ -79,7 +86,7 @@ Answer Engine::ask(const Request& request, const std::function<bool(text::TokenI
   }
   const std::optional<std::string> position = session_->read_line();
   if (!position) stopped_unexpectedly();
-  answer.position = parse_number(*position);
+  answer.position = number(*position);
   return answer;
 }
 

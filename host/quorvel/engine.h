@@ -60,6 +60,7 @@ class Engine {
  private:
   void start();
   [[noreturn]] void stopped_unexpectedly();
+  std::uint64_t number(const std::string& line);
   bool drain_is_quicker(const Request& request, const Answer& answer) const;
 
   std::filesystem::path binary_, model_dir_;

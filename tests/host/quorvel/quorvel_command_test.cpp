@@ -220,16 +220,28 @@ TEST_F(QuorvelCommand, AStopStringInAChatRewindsTheCacheToTheAcceptedText) {
                                         {"user", "Tell me"}, {"assistant", accepted}, {"user", "More"}})));
 }
 
-TEST_F(QuorvelCommand, AnEngineThatDiesIsReportedWithItsSignal) {
-  // Answers the load check, prints two tokens of the first request and kills itself.
-  const fs::path dying = *dir_ / "dying-engine";
-  write_script(dying,
+// A stand-in engine that answers the load check, prints two tokens of the first request and then
+// does `what_next`.
+fs::path scripted_engine(const fs::path& dir, const std::string& name, const std::string& what_next) {
+  const fs::path engine = dir / name;
+  write_script(engine,
                "block() { read -r n || exit 0; for ((i = 0; i < n; i++)); do read -r line; done; }\n"
-               "block; block; echo 128001; echo 0; block; echo 9906; echo 11; kill -KILL $$\n");
+               "block; block; echo 128001; echo 0; block; echo 9906; echo 11; " + what_next + "\n");
+  return engine;
+}
+
+TEST_F(QuorvelCommand, AnEngineThatDiesOrTalksNonsenseIsReportedAndNeverWaitedFor) {
+  const fs::path dying = scripted_engine(*dir_, "dying-engine", "kill -KILL $$");
   const host::ProcessResult run = quorvel({"run", model_dir().string(), "--engine", dying.string(), "-p", "Hi"});
   EXPECT_EQ(run.exit_status, 3);
   EXPECT_EQ(run.out, "Hello,");
   EXPECT_EQ(run.err, "Error: the engine (" + dying.string() + ") was killed by signal 9 (Killed)\n");
+
+  // It then waits for input it will never get, its output still open: quorvel must not wait for it.
+  const fs::path talking = scripted_engine(*dir_, "talking-engine", "echo junk; exec sleep 30");
+  const host::ProcessResult garbled = quorvel({"chat", model_dir().string(), "--engine", talking.string()}, "Hi\n");
+  EXPECT_EQ(garbled.exit_status, 3);
+  EXPECT_EQ(garbled.err, "Error: the engine (" + talking.string() + ") printed 'junk' where a number belongs\n");
 }
 
 TEST_F(QuorvelCommand, TheEnginesOwnStartupMessageReachesTheUserUnchanged) {
