@@ -18,17 +18,8 @@ class Reader {
 
   [[noreturn]] void refuse(const std::string& problem) const { throw TextError(file_, problem); }
 
-  // Parses the file into `sax`, which builds `rest`: the document without model.vocab and model.merges.
-  void parse(TokenizerJsonSax& sax, const json& rest) const {
-    std::ifstream in(file_, std::ios::binary | std::ios::ate);
-    if (!in) refuse("cannot be opened");
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(file_, error)) refuse("is not a regular file");
-    const std::streamoff size = in.tellg();
-    if (size < 0) refuse("cannot be read");
-    std::string text(static_cast<std::size_t>(size), '\0');
-    in.seekg(0);
-    if (!in.read(text.data(), static_cast<std::streamsize>(text.size()))) refuse("cannot be read");
+  // Parses `text` into `sax`, which builds `rest`: the document without model.vocab and model.merges.
+  void parse(std::string_view text, TokenizerJsonSax& sax, const json& rest) const {
     json::sax_parse(text, &sax);
     if (!rest.is_object()) refuse("does not hold a JSON object");
   }
@@ -140,13 +131,26 @@ AddedTokens read_added_tokens(const json& root, const Reader& reader) {
   return AddedTokens(std::move(tokens));
 }
 
+std::string file_text(const std::filesystem::path& file, const Reader& reader) {
+  std::ifstream in(file, std::ios::binary | std::ios::ate);
+  if (!in) reader.refuse("cannot be opened");
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(file, error)) reader.refuse("is not a regular file");
+  const std::streamoff size = in.tellg();
+  if (size < 0) reader.refuse("cannot be read");
+  std::string text(static_cast<std::size_t>(size), '\0');
+  in.seekg(0);
+  if (!in.read(text.data(), static_cast<std::streamsize>(text.size()))) reader.refuse("cannot be read");
+  return text;
+}
+
 }  // namespace
 
-TokenizerDefinition read_tokenizer_json(const std::filesystem::path& file) {
-  const Reader reader(file);
+TokenizerDefinition read_tokenizer_json_text(std::string_view text, const std::filesystem::path& name) {
+  const Reader reader(name);
   json root;
-  TokenizerJsonSax sax(file, root);
-  reader.parse(sax, root);
+  TokenizerJsonSax sax(name, root);
+  reader.parse(text, sax, root);
   try {
     std::unique_ptr<BpeModel> model = read_model(root, sax, reader);
     const bool nfc = nfc_normalizer(root, reader);
@@ -155,6 +159,10 @@ TokenizerDefinition read_tokenizer_json(const std::filesystem::path& file) {
   } catch (const json::exception& error) {
     reader.refuse(std::string("has a value of an unexpected type (") + error.what() + ")");
   }
+}
+
+TokenizerDefinition read_tokenizer_json(const std::filesystem::path& file) {
+  return read_tokenizer_json_text(file_text(file, Reader(file)), file);
 }
 
 }  // namespace quorvel::text

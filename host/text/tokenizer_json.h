@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "host/text/added_tokens.h"
 #include "host/text/bpe_model.h"
@@ -20,5 +21,8 @@ struct TokenizerDefinition {
 };
 
 TokenizerDefinition read_tokenizer_json(const std::filesystem::path& file);
+
+// The same from a document already in memory; messages name it `name` where they would name the file.
+TokenizerDefinition read_tokenizer_json_text(std::string_view text, const std::filesystem::path& name);
 
 }  // namespace quorvel::text

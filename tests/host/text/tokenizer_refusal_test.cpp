@@ -2,6 +2,7 @@
 // and what is unsupported, never guessed at.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 
 #include "host/text/text_error.h"
@@ -15,17 +16,22 @@ using testing::json;
 using testing::small_tokenizer;
 using testing::write_tokenizer;
 
-// The message of loading `path`, which must fail.
-std::string refusal(const std::filesystem::path& path) {
+// The message of `load`, which must fail.
+std::string message_of(const std::function<void()>& load, const std::string& what) {
   try {
-    Tokenizer loaded(path);
+    load();
   } catch (const TextError& error) {
-    std::filesystem::remove(path);
     return error.what();
   }
-  std::filesystem::remove(path);
-  ADD_FAILURE() << path << " was accepted";
+  ADD_FAILURE() << what << " was accepted";
   return "";
+}
+
+// The message of loading `path`, which must fail.
+std::string refusal(const std::filesystem::path& path) {
+  const std::string message = message_of([&] { Tokenizer loaded(path); }, path.string());
+  std::filesystem::remove(path);
+  return message;
 }
 
 std::string refusal(const json& document, const std::string& name) {
@@ -104,6 +110,9 @@ TEST(TokenizerRefusal, AddedTokenOptionsAndBrokenFiles) {
   expect_refusal(refusal(document, "fraction"), "fraction", "added token '<x>' has an id that is not");
   expect_refusal(refusal(write_tokenizer(std::string("{\"model\": {\"vocab\": {"), "cut")), "cut", "is not valid JSON");
   expect_refusal(refusal(write_tokenizer(std::string("[1, 2]"), "list")), "list", "does not hold a JSON object");
+  // A document in memory is named as its caller names it.
+  expect_refusal(message_of([] { Tokenizer::from_json_text("{\"model\": 3", "in-memory.json"); }, "in-memory"),
+                 "in-memory", "is not valid JSON");
   document = small_tokenizer({});
   document["normalizer"] = 7;
   expect_refusal(refusal(document, "shape"), "shape", "normalizer '' is not supported");
