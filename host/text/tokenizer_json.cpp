@@ -3,6 +3,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <unordered_map>
 
 #include "host/text/text_error.h"
 #include "host/text/tokenizer_json_sax.h"
@@ -111,23 +112,39 @@ std::unique_ptr<BpeModel> read_model(const json& root, TokenizerJsonSax& sax, co
   }
 }
 
-AddedTokens read_added_tokens(const json& root, const Reader& reader) {
+AddedToken read_added_token(const json& token, const Reader& reader) {
+  if (!token.is_object()) reader.refuse("added_tokens holds an entry that is not an object");
+  const std::string content = reader.text(token, "content", "an added token");
+  const std::string what = "added token '" + content + "'";
+  for (const char* option : {"lstrip", "rstrip", "single_word"}) {
+    if (reader.flag(token, option, false)) reader.refuse(what + ": " + option + " true is not supported");
+  }
+  return {reader.token_id(reader.member(token, "id", what), what), content, reader.flag(token, "special", false)};
+}
+
+// Decoding turns an added token's id back into its content, so no id may also stand for other text.
+void check_added_token_ids(const std::vector<AddedToken>& tokens, const Vocabulary& vocab, const Reader& reader) {
+  std::unordered_map<TokenId, const std::string*> content_of_id;
+  for (const AddedToken& token : tokens) {
+    const std::string id = std::to_string(token.id);
+    const std::string* in_vocab = vocab.bytes_of(token.id);
+    if (in_vocab && *in_vocab != token.content) {
+      reader.refuse("added token '" + token.content + "' has id " + id + ", which model.vocab gives to other text");
+    }
+    const auto [first, added] = content_of_id.try_emplace(token.id, &token.content);
+    if (!added && *first->second != token.content) {
+      reader.refuse("added tokens '" + *first->second + "' and '" + token.content + "' have the same id " + id);
+    }
+  }
+}
+
+AddedTokens read_added_tokens(const json& root, const Vocabulary& vocab, const Reader& reader) {
   std::vector<AddedToken> tokens;
   const auto list = root.find("added_tokens");
   if (list == root.end() || list->is_null()) return AddedTokens(std::move(tokens));
   if (!list->is_array()) reader.refuse("added_tokens must be a list");
-  for (const json& token : *list) {
-    if (!token.is_object()) reader.refuse("added_tokens holds an entry that is not an object");
-    const std::string content = reader.text(token, "content", "an added token");
-    for (const char* option : {"lstrip", "rstrip", "single_word"}) {
-      if (reader.flag(token, option, false)) {
-        reader.refuse("added token '" + content + "': " + option + " true is not supported");
-      }
-    }
-    const TokenId id = reader.token_id(reader.member(token, "id", "added token '" + content + "'"),
-                                       "added token '" + content + "'");
-    tokens.push_back({id, content, reader.flag(token, "special", false)});
-  }
+  for (const json& token : *list) tokens.push_back(read_added_token(token, reader));
+  check_added_token_ids(tokens, vocab, reader);
   return AddedTokens(std::move(tokens));
 }
 
@@ -155,7 +172,8 @@ TokenizerDefinition read_tokenizer_json_text(std::string_view text, const std::f
     std::unique_ptr<BpeModel> model = read_model(root, sax, reader);
     const bool nfc = nfc_normalizer(root, reader);
     std::string pattern = split_pattern(root, reader);
-    return TokenizerDefinition{std::move(model), read_added_tokens(root, reader), nfc, std::move(pattern)};
+    AddedTokens added_tokens = read_added_tokens(root, model->vocab(), reader);
+    return TokenizerDefinition{std::move(model), std::move(added_tokens), nfc, std::move(pattern)};
   } catch (const json::exception& error) {
     reader.refuse(std::string("has a value of an unexpected type (") + error.what() + ")");
   }

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "host/text/text_error.h"
 #include "host/text/tokenizer.h"
@@ -121,6 +122,23 @@ TEST(TokenizerRefusal, AddedTokenOptionsAndBrokenFiles) {
   const std::filesystem::path folder = std::filesystem::temp_directory_path() / "quorvel-text-folder.json";
   std::filesystem::create_directories(folder);
   expect_refusal(refusal(folder), "quorvel-text-folder", "is not a regular file");
+}
+
+TEST(TokenizerRefusal, AddedTokenIdsThatStandForOtherText) {
+  // Decoding would not give back the text that was encoded.
+  json document = small_tokenizer({});
+  document["added_tokens"].push_back({{"id", 97}, {"content", "<x>"}});
+  expect_refusal(refusal(document, "vocab-id"), "vocab-id",
+                 "added token '<x>' has id 97, which model.vocab gives to other text");
+  document["added_tokens"] = {{{"id", 300}, {"content", "<a>"}}, {{"id", 300}, {"content", "<b>"}}};
+  expect_refusal(refusal(document, "shared-id"), "shared-id", "added tokens '<a>' and '<b>' have the same id 300");
+  // The same text under the same id, in the vocabulary or listed twice, is no contradiction.
+  document = small_tokenizer({{"a", "b"}});
+  document["added_tokens"] = {
+      {{"id", 256}, {"content", "ab"}}, {{"id", 300}, {"content", "<a>"}}, {{"id", 300}, {"content", "<a>"}}};
+  const Tokenizer tokenizer = Tokenizer::from_json_text(document.dump(), "same-text");
+  EXPECT_EQ(tokenizer.encode("<a>ab"), (std::vector<TokenId>{300, 256}));
+  EXPECT_EQ(tokenizer.decode({300, 256}), "<a>ab");
 }
 
 }  // namespace
