@@ -112,14 +112,21 @@ std::unique_ptr<BpeModel> read_model(const json& root, TokenizerJsonSax& sax, co
   }
 }
 
-AddedToken read_added_token(const json& token, const Reader& reader) {
+// Added tokens are matched in the text as given. One marked `normalized` is meant to be matched in the
+// normalized text instead, which is the same text without a normalizer but not under NFC, so there it is
+// refused (an absent flag means normalized for a token that is not special).
+AddedToken read_added_token(const json& token, bool nfc, const Reader& reader) {
   if (!token.is_object()) reader.refuse("added_tokens holds an entry that is not an object");
   const std::string content = reader.text(token, "content", "an added token");
   const std::string what = "added token '" + content + "'";
   for (const char* option : {"lstrip", "rstrip", "single_word"}) {
     if (reader.flag(token, option, false)) reader.refuse(what + ": " + option + " true is not supported");
   }
-  return {reader.token_id(reader.member(token, "id", what), what), content, reader.flag(token, "special", false)};
+  const bool special = reader.flag(token, "special", false);
+  if (nfc && reader.flag(token, "normalized", !special)) {
+    reader.refuse(what + ": normalized true is not supported with the NFC normalizer");
+  }
+  return {reader.token_id(reader.member(token, "id", what), what), content, special};
 }
 
 // Decoding turns an added token's id back into its content, so no id may also stand for other text.
@@ -138,12 +145,12 @@ void check_added_token_ids(const std::vector<AddedToken>& tokens, const Vocabula
   }
 }
 
-AddedTokens read_added_tokens(const json& root, const Vocabulary& vocab, const Reader& reader) {
+AddedTokens read_added_tokens(const json& root, const Vocabulary& vocab, bool nfc, const Reader& reader) {
   std::vector<AddedToken> tokens;
   const auto list = root.find("added_tokens");
   if (list == root.end() || list->is_null()) return AddedTokens(std::move(tokens));
   if (!list->is_array()) reader.refuse("added_tokens must be a list");
-  for (const json& token : *list) tokens.push_back(read_added_token(token, reader));
+  for (const json& token : *list) tokens.push_back(read_added_token(token, nfc, reader));
   check_added_token_ids(tokens, vocab, reader);
   return AddedTokens(std::move(tokens));
 }
@@ -172,7 +179,7 @@ TokenizerDefinition read_tokenizer_json_text(std::string_view text, const std::f
     std::unique_ptr<BpeModel> model = read_model(root, sax, reader);
     const bool nfc = nfc_normalizer(root, reader);
     std::string pattern = split_pattern(root, reader);
-    AddedTokens added_tokens = read_added_tokens(root, model->vocab(), reader);
+    AddedTokens added_tokens = read_added_tokens(root, model->vocab(), nfc, reader);
     return TokenizerDefinition{std::move(model), std::move(added_tokens), nfc, std::move(pattern)};
   } catch (const json::exception& error) {
     reader.refuse(std::string("has a value of an unexpected type (") + error.what() + ")");

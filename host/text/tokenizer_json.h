@@ -1,5 +1,6 @@
-// Reads a tokenizer.json of the kind this library encodes with: a byte-level BPE model, added tokens,
-// no normalizer or NFC, and a Split(regex, Isolated) then ByteLevel(use_regex false) pre-tokenizer.
+// Reads a tokenizer.json of the kind this library encodes with: a byte-level BPE model, added tokens
+// matched as written (no lstrip, rstrip or single_word; under NFC none normalized), no normalizer or NFC,
+// and a Split(regex, Isolated) then ByteLevel(use_regex false) pre-tokenizer.
 // Anything else is refused with a TextError naming the file and what is not supported.
 #pragma once
 

@@ -102,11 +102,35 @@ TEST(TokenizerRefusal, VocabularyAndMergesThatDoNotFit) {
   expect_refusal(refusal(document, "no-merges"), "no-merges", "model.merges is missing");
 }
 
-TEST(TokenizerRefusal, AddedTokenOptionsAndBrokenFiles) {
+TEST(TokenizerRefusal, AddedTokenMatchingRulesThatAreNotImplemented) {
+  for (const char* option : {"lstrip", "rstrip", "single_word"}) {
+    json document = small_tokenizer({});
+    document["added_tokens"].push_back({{"id", 300}, {"content", "<x>"}, {"special", true}, {option, true}});
+    expect_refusal(refusal(document, option), option,
+                   "added token '<x>': " + std::string(option) + " true is not supported");
+    document["added_tokens"][0][option] = false;
+    EXPECT_EQ(Tokenizer::from_json_text(document.dump(), option).encode("a<x>"), (std::vector<TokenId>{'a', 300}));
+  }
+  // Under NFC a normalized token would be looked for in the normalized text; a token that is not special
+  // is normalized unless it says otherwise.
   json document = small_tokenizer({});
-  document["added_tokens"].push_back({{"id", 300}, {"content", "<x>"}, {"special", true}, {"lstrip", true}});
-  expect_refusal(refusal(document, "lstrip"), "lstrip", "added token '<x>': lstrip true is not supported");
-  document = small_tokenizer({});
+  document["normalizer"] = {{"type", "NFC"}};
+  document["added_tokens"] = {{{"id", 300}, {"content", "<x>"}, {"special", false}}};
+  expect_refusal(refusal(document, "nfc-plain"), "nfc-plain",
+                 "added token '<x>': normalized true is not supported with the NFC normalizer");
+  document["added_tokens"] = {{{"id", 300}, {"content", "<s>"}, {"special", true}, {"normalized", true}}};
+  expect_refusal(refusal(document, "nfc-special"), "nfc-special", "added token '<s>': normalized true is not");
+  document["added_tokens"] = {{{"id", 300}, {"content", "<x>"}, {"special", false}, {"normalized", false}},
+                              {{"id", 301}, {"content", "<s>"}, {"special", true}}};
+  EXPECT_EQ(Tokenizer::from_json_text(document.dump(), "nfc-raw").encode("<x><s>"), (std::vector<TokenId>{300, 301}));
+  // Without a normalizer the normalized text is the text.
+  document["normalizer"] = nullptr;
+  document["added_tokens"][0]["normalized"] = true;
+  EXPECT_EQ(Tokenizer::from_json_text(document.dump(), "raw").encode("<x><s>"), (std::vector<TokenId>{300, 301}));
+}
+
+TEST(TokenizerRefusal, BrokenFilesAndValues) {
+  json document = small_tokenizer({});
   document["added_tokens"].push_back({{"id", 1.5}, {"content", "<x>"}});
   expect_refusal(refusal(document, "fraction"), "fraction", "added token '<x>' has an id that is not");
   expect_refusal(refusal(write_tokenizer(std::string("{\"model\": {\"vocab\": {"), "cut")), "cut", "is not valid JSON");
