@@ -73,6 +73,8 @@ TEST(TokenizerRefusal, OtherNormalizersAndPreTokenizers) {
   document = small_tokenizer({});
   document["pre_tokenizer"]["pretokenizers"][0]["pattern"]["Regex"] = "(unclosed";
   expect_refusal(refusal(document, "bad-regex"), "bad-regex", "the pre-tokenizer regex does not compile");
+  document["pre_tokenizer"]["pretokenizers"][0]["pattern"]["Regex"] = R"(\s+|\C)";
+  expect_refusal(refusal(document, "one-byte"), "one-byte", "does not compile at offset 6: using \\C is disabled");
 }
 
 TEST(TokenizerRefusal, VocabularyAndMergesThatDoNotFit) {
