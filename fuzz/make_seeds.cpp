@@ -1,7 +1,8 @@
 // Writes the seed corpora of the harnesses into <dir>/<harness>/, with the
 // same file writers the tests use: init texts, model files, RoPE caches and
 // LoRA adapters of small models of every architecture, request texts like
-// the end-to-end tests send, and safetensors and GGUF checkpoints.
+// the end-to-end tests send, safetensors and GGUF checkpoints, and small
+// tokenizer.json documents.
 #include <bit>
 #include <cstdint>
 #include <exception>
@@ -13,6 +14,7 @@
 
 #include "config/init_config.h"
 #include "fuzz_support.h"
+#include "host/text/small_tokenizer.h"
 #include "tools/lib/init_text_writer.h"
 #include "tools/lib/lora_file_writer.h"
 #include "tools/lib/model_file_writer.h"
@@ -254,6 +256,43 @@ void gguf_seeds(SeedWriter& seeds) {
   seeds.add("fuzz_gguf", "metadata-only", gguf_metadata().bytes());
 }
 
+// The harness's input: the document, then a NUL and a text to encode.
+std::string with_text(const nlohmann::json& document, const std::string& text) {
+  return document.dump() + std::string(1, '\0') + text;
+}
+
+void tokenizer_seeds(SeedWriter& seeds) {
+  using quorvel::text::testing::small_tokenizer;
+  using quorvel::text::testing::symbols_of;
+  using nlohmann::json;
+  const json plain = small_tokenizer({{"h", "e"}, {"l", "l"}, {"he", "ll"}, {"hell", "o"}, {" ", "w"}, {"o", "r"},
+                                      {" w", "or"}, {"a", "b"}, {"ab", "c"}, {"\n", "\n"}, {"\xc3", "\xa9"}});
+  seeds.add("fuzz_tokenizer_json", "plain", plain.dump());
+  json pairs = plain;
+  for (json& merge : pairs["model"]["merges"]) {
+    const std::string text = merge.get<std::string>();
+    const std::size_t space = text.find(' ');
+    merge = json::array({text.substr(0, space), text.substr(space + 1)});
+  }
+  seeds.add("fuzz_tokenizer_json", "merge-pairs", with_text(pairs, "hello world\n\nab abc"));
+  json whole_words = plain;
+  whole_words["model"]["ignore_merges"] = true;
+  whole_words["model"]["vocab"][symbols_of(" world")] = 500;
+  seeds.add("fuzz_tokenizer_json", "ignore-merges", with_text(whole_words, "hello world worlds"));
+  json added = plain;
+  added["added_tokens"] = json::array(
+      {{{"id", 1000}, {"content", "<|endoftext|>"}, {"special", true}, {"normalized", false}},
+       {{"id", 1001}, {"content", "<x>"}, {"special", false}, {"normalized", true}, {"lstrip", false},
+        {"rstrip", false}, {"single_word", false}},
+       {{"id", 1002}, {"content", "<x><x>"}, {"special", true}}});
+  seeds.add("fuzz_tokenizer_json", "added-tokens", with_text(added, "a<x><x><x>b<|endoftext|>c<|endof"));
+  // Under NFC only added tokens matched as written load.
+  json nfc = added;
+  nfc["normalizer"] = {{"type", "NFC"}};
+  nfc["added_tokens"][1]["normalized"] = false;
+  seeds.add("fuzz_tokenizer_json", "nfc", with_text(nfc, "e\xcc\x81t\xc3\xa9 caf\xc3\xa9<x>"));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -271,6 +310,7 @@ int main(int argc, char** argv) {
     request_seeds(seeds);
     safetensors_seeds(seeds);
     gguf_seeds(seeds);
+    tokenizer_seeds(seeds);
   } catch (const std::exception& e) {
     std::cerr << "fuzz_make_seeds: " << e.what() << "\n";
     return 1;

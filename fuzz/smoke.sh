@@ -10,7 +10,9 @@ build=${1:-build-fuzz}
 seconds=${2:-30}
 # Undefined-behaviour reports come with their stack, like the others.
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:+$UBSAN_OPTIONS:}print_stacktrace=1
-harnesses=(fuzz_init_config fuzz_model_file fuzz_rope_cache fuzz_lora_file fuzz_requests fuzz_safetensors fuzz_gguf)
+# Every harness, one fuzz/fuzz_*.cpp each, so that a new one is never left out.
+harnesses=()
+for source in fuzz/fuzz_*.cpp; do harnesses+=("$(basename "$source" .cpp)"); done
 
 failed=()
 for harness in "${harnesses[@]}"; do

@@ -13,11 +13,13 @@ std::string error_message(int error) {
   return reinterpret_cast<const char*>(message);
 }
 
+// \C (one byte, even inside a character) is refused: a match could end inside a character, and the next
+// search, which skips the UTF-8 check, may only start on a character's first byte.
 pcre2_code* compile(const std::string& pattern) {
   int error = 0;
   PCRE2_SIZE error_offset = 0;
   pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
-                                   PCRE2_UTF | PCRE2_UCP, &error, &error_offset, nullptr);
+                                   PCRE2_UTF | PCRE2_UCP | PCRE2_NEVER_BACKSLASH_C, &error, &error_offset, nullptr);
   if (code) return code;
   throw std::invalid_argument("the pre-tokenizer regex does not compile at offset " + std::to_string(error_offset) +
                               ": " + error_message(error));

@@ -17,6 +17,10 @@ std::string joined(const std::vector<TextPart>& parts) {
 Tokenizer::Tokenizer(const std::filesystem::path& tokenizer_json)
     : Tokenizer(read_tokenizer_json(tokenizer_json), tokenizer_json) {}
 
+Tokenizer Tokenizer::from_json_text(std::string_view json, const std::filesystem::path& name) {
+  return Tokenizer(read_tokenizer_json_text(json, name), name);
+}
+
 Tokenizer::Tokenizer(TokenizerDefinition definition, const std::filesystem::path& file)
     : model_(std::move(definition.model)), added_tokens_(std::move(definition.added_tokens)), nfc_(definition.nfc) {
   try {

@@ -32,6 +32,9 @@ class Tokenizer {
  public:
   explicit Tokenizer(const std::filesystem::path& tokenizer_json);
 
+  // The tokenizer of a tokenizer.json document already in memory; messages name it `name`.
+  static Tokenizer from_json_text(std::string_view json, const std::filesystem::path& name);
+
   // The ids of `text`, which must be valid UTF-8 ("Error: input is not valid UTF-8 at byte N" otherwise).
   // With `special_tokens` false, the text of a special token is encoded like any other text; added tokens
   // that are not special are still matched.

@@ -3,6 +3,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <unordered_map>
 
 #include "host/text/text_error.h"
 #include "host/text/tokenizer_json_sax.h"
@@ -18,17 +19,8 @@ class Reader {
 
   [[noreturn]] void refuse(const std::string& problem) const { throw TextError(file_, problem); }
 
-  // Parses the file into `sax`, which builds `rest`: the document without model.vocab and model.merges.
-  void parse(TokenizerJsonSax& sax, const json& rest) const {
-    std::ifstream in(file_, std::ios::binary | std::ios::ate);
-    if (!in) refuse("cannot be opened");
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(file_, error)) refuse("is not a regular file");
-    const std::streamoff size = in.tellg();
-    if (size < 0) refuse("cannot be read");
-    std::string text(static_cast<std::size_t>(size), '\0');
-    in.seekg(0);
-    if (!in.read(text.data(), static_cast<std::streamsize>(text.size()))) refuse("cannot be read");
+  // Parses `text` into `sax`, which builds `rest`: the document without model.vocab and model.merges.
+  void parse(std::string_view text, TokenizerJsonSax& sax, const json& rest) const {
     json::sax_parse(text, &sax);
     if (!rest.is_object()) refuse("does not hold a JSON object");
   }
@@ -120,41 +112,82 @@ std::unique_ptr<BpeModel> read_model(const json& root, TokenizerJsonSax& sax, co
   }
 }
 
-AddedTokens read_added_tokens(const json& root, const Reader& reader) {
+// Added tokens are matched in the text as given. One marked `normalized` is meant to be matched in the
+// normalized text instead, which is the same text without a normalizer but not under NFC, so there it is
+// refused (an absent flag means normalized for a token that is not special).
+AddedToken read_added_token(const json& token, bool nfc, const Reader& reader) {
+  if (!token.is_object()) reader.refuse("added_tokens holds an entry that is not an object");
+  const std::string content = reader.text(token, "content", "an added token");
+  const std::string what = "added token '" + content + "'";
+  for (const char* option : {"lstrip", "rstrip", "single_word"}) {
+    if (reader.flag(token, option, false)) reader.refuse(what + ": " + option + " true is not supported");
+  }
+  const bool special = reader.flag(token, "special", false);
+  if (nfc && reader.flag(token, "normalized", !special)) {
+    reader.refuse(what + ": normalized true is not supported with the NFC normalizer");
+  }
+  return {reader.token_id(reader.member(token, "id", what), what), content, special};
+}
+
+// Decoding turns an added token's id back into its content, so no id may also stand for other text.
+void check_added_token_ids(const std::vector<AddedToken>& tokens, const Vocabulary& vocab, const Reader& reader) {
+  std::unordered_map<TokenId, const std::string*> content_of_id;
+  for (const AddedToken& token : tokens) {
+    const std::string id = std::to_string(token.id);
+    const std::string* in_vocab = vocab.bytes_of(token.id);
+    if (in_vocab && *in_vocab != token.content) {
+      reader.refuse("added token '" + token.content + "' has id " + id + ", which model.vocab gives to other text");
+    }
+    const auto [first, added] = content_of_id.try_emplace(token.id, &token.content);
+    if (!added && *first->second != token.content) {
+      reader.refuse("added tokens '" + *first->second + "' and '" + token.content + "' have the same id " + id);
+    }
+  }
+}
+
+AddedTokens read_added_tokens(const json& root, const Vocabulary& vocab, bool nfc, const Reader& reader) {
   std::vector<AddedToken> tokens;
   const auto list = root.find("added_tokens");
   if (list == root.end() || list->is_null()) return AddedTokens(std::move(tokens));
   if (!list->is_array()) reader.refuse("added_tokens must be a list");
-  for (const json& token : *list) {
-    if (!token.is_object()) reader.refuse("added_tokens holds an entry that is not an object");
-    const std::string content = reader.text(token, "content", "an added token");
-    for (const char* option : {"lstrip", "rstrip", "single_word"}) {
-      if (reader.flag(token, option, false)) {
-        reader.refuse("added token '" + content + "': " + option + " true is not supported");
-      }
-    }
-    const TokenId id = reader.token_id(reader.member(token, "id", "added token '" + content + "'"),
-                                       "added token '" + content + "'");
-    tokens.push_back({id, content, reader.flag(token, "special", false)});
-  }
+  for (const json& token : *list) tokens.push_back(read_added_token(token, nfc, reader));
+  check_added_token_ids(tokens, vocab, reader);
   return AddedTokens(std::move(tokens));
+}
+
+std::string file_text(const std::filesystem::path& file, const Reader& reader) {
+  std::ifstream in(file, std::ios::binary | std::ios::ate);
+  if (!in) reader.refuse("cannot be opened");
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(file, error)) reader.refuse("is not a regular file");
+  const std::streamoff size = in.tellg();
+  if (size < 0) reader.refuse("cannot be read");
+  std::string text(static_cast<std::size_t>(size), '\0');
+  in.seekg(0);
+  if (!in.read(text.data(), static_cast<std::streamsize>(text.size()))) reader.refuse("cannot be read");
+  return text;
 }
 
 }  // namespace
 
-TokenizerDefinition read_tokenizer_json(const std::filesystem::path& file) {
-  const Reader reader(file);
+TokenizerDefinition read_tokenizer_json_text(std::string_view text, const std::filesystem::path& name) {
+  const Reader reader(name);
   json root;
-  TokenizerJsonSax sax(file, root);
-  reader.parse(sax, root);
+  TokenizerJsonSax sax(name, root);
+  reader.parse(text, sax, root);
   try {
     std::unique_ptr<BpeModel> model = read_model(root, sax, reader);
     const bool nfc = nfc_normalizer(root, reader);
     std::string pattern = split_pattern(root, reader);
-    return TokenizerDefinition{std::move(model), read_added_tokens(root, reader), nfc, std::move(pattern)};
+    AddedTokens added_tokens = read_added_tokens(root, model->vocab(), nfc, reader);
+    return TokenizerDefinition{std::move(model), std::move(added_tokens), nfc, std::move(pattern)};
   } catch (const json::exception& error) {
     reader.refuse(std::string("has a value of an unexpected type (") + error.what() + ")");
   }
+}
+
+TokenizerDefinition read_tokenizer_json(const std::filesystem::path& file) {
+  return read_tokenizer_json_text(file_text(file, Reader(file)), file);
 }
 
 }  // namespace quorvel::text

@@ -181,9 +181,11 @@ json merges_json(const GgufMetadata& metadata, const json& vocab) {
   return listed;
 }
 
+// GGUF has no flag for matching an added token in the normalized text; its
+// tokens are matched in the text as written, before any normalization.
 json added_token_fields(const std::string& content, bool special) {
-  return {{"content", content}, {"single_word", false},   {"lstrip", false},
-          {"rstrip", false},    {"normalized", !special}, {"special", special}};
+  return {{"content", content}, {"single_word", false}, {"lstrip", false},
+          {"rstrip", false},    {"normalized", false},  {"special", special}};
 }
 
 json added_tokens_json(const Tokenizer& tokenizer) {

@@ -52,6 +52,8 @@ TEST(SmallTokenizer, BothSpellingsOfMergesGiveTheSameTokens) {
   const std::vector<TokenId> expected{258, 'o', 259, 'o', 'r', 'l', 'd'};
   EXPECT_EQ(load(strings, "strings").encode("hello world"), expected);
   EXPECT_EQ(load(pairs, "pairs").encode("hello world"), expected);
+  // The document's text in memory loads the same tokenizer as its file.
+  EXPECT_EQ(Tokenizer::from_json_text(pairs.dump(), "in-memory").encode("hello world"), expected);
 }
 
 TEST(SmallTokenizer, IgnoreMergesTakesAWholePieceThatIsInTheVocabulary) {

@@ -2,7 +2,9 @@
 // and what is unsupported, never guessed at.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "host/text/text_error.h"
 #include "host/text/tokenizer.h"
@@ -15,17 +17,22 @@ using testing::json;
 using testing::small_tokenizer;
 using testing::write_tokenizer;
 
-// The message of loading `path`, which must fail.
-std::string refusal(const std::filesystem::path& path) {
+// The message of `load`, which must fail.
+std::string message_of(const std::function<void()>& load, const std::string& what) {
   try {
-    Tokenizer loaded(path);
+    load();
   } catch (const TextError& error) {
-    std::filesystem::remove(path);
     return error.what();
   }
-  std::filesystem::remove(path);
-  ADD_FAILURE() << path << " was accepted";
+  ADD_FAILURE() << what << " was accepted";
   return "";
+}
+
+// The message of loading `path`, which must fail.
+std::string refusal(const std::filesystem::path& path) {
+  const std::string message = message_of([&] { Tokenizer loaded(path); }, path.string());
+  std::filesystem::remove(path);
+  return message;
 }
 
 std::string refusal(const json& document, const std::string& name) {
@@ -66,6 +73,8 @@ TEST(TokenizerRefusal, OtherNormalizersAndPreTokenizers) {
   document = small_tokenizer({});
   document["pre_tokenizer"]["pretokenizers"][0]["pattern"]["Regex"] = "(unclosed";
   expect_refusal(refusal(document, "bad-regex"), "bad-regex", "the pre-tokenizer regex does not compile");
+  document["pre_tokenizer"]["pretokenizers"][0]["pattern"]["Regex"] = R"(\s+|\C)";
+  expect_refusal(refusal(document, "one-byte"), "one-byte", "does not compile at offset 6: using \\C is disabled");
 }
 
 TEST(TokenizerRefusal, VocabularyAndMergesThatDoNotFit) {
@@ -95,15 +104,42 @@ TEST(TokenizerRefusal, VocabularyAndMergesThatDoNotFit) {
   expect_refusal(refusal(document, "no-merges"), "no-merges", "model.merges is missing");
 }
 
-TEST(TokenizerRefusal, AddedTokenOptionsAndBrokenFiles) {
+TEST(TokenizerRefusal, AddedTokenMatchingRulesThatAreNotImplemented) {
+  for (const char* option : {"lstrip", "rstrip", "single_word"}) {
+    json document = small_tokenizer({});
+    document["added_tokens"].push_back({{"id", 300}, {"content", "<x>"}, {"special", true}, {option, true}});
+    expect_refusal(refusal(document, option), option,
+                   "added token '<x>': " + std::string(option) + " true is not supported");
+    document["added_tokens"][0][option] = false;
+    EXPECT_EQ(Tokenizer::from_json_text(document.dump(), option).encode("a<x>"), (std::vector<TokenId>{'a', 300}));
+  }
+  // Under NFC a normalized token would be looked for in the normalized text; a token that is not special
+  // is normalized unless it says otherwise.
   json document = small_tokenizer({});
-  document["added_tokens"].push_back({{"id", 300}, {"content", "<x>"}, {"special", true}, {"lstrip", true}});
-  expect_refusal(refusal(document, "lstrip"), "lstrip", "added token '<x>': lstrip true is not supported");
-  document = small_tokenizer({});
+  document["normalizer"] = {{"type", "NFC"}};
+  document["added_tokens"] = {{{"id", 300}, {"content", "<x>"}, {"special", false}}};
+  expect_refusal(refusal(document, "nfc-plain"), "nfc-plain",
+                 "added token '<x>': normalized true is not supported with the NFC normalizer");
+  document["added_tokens"] = {{{"id", 300}, {"content", "<s>"}, {"special", true}, {"normalized", true}}};
+  expect_refusal(refusal(document, "nfc-special"), "nfc-special", "added token '<s>': normalized true is not");
+  document["added_tokens"] = {{{"id", 300}, {"content", "<x>"}, {"special", false}, {"normalized", false}},
+                              {{"id", 301}, {"content", "<s>"}, {"special", true}}};
+  EXPECT_EQ(Tokenizer::from_json_text(document.dump(), "nfc-raw").encode("<x><s>"), (std::vector<TokenId>{300, 301}));
+  // Without a normalizer the normalized text is the text.
+  document["normalizer"] = nullptr;
+  document["added_tokens"][0]["normalized"] = true;
+  EXPECT_EQ(Tokenizer::from_json_text(document.dump(), "raw").encode("<x><s>"), (std::vector<TokenId>{300, 301}));
+}
+
+TEST(TokenizerRefusal, BrokenFilesAndValues) {
+  json document = small_tokenizer({});
   document["added_tokens"].push_back({{"id", 1.5}, {"content", "<x>"}});
   expect_refusal(refusal(document, "fraction"), "fraction", "added token '<x>' has an id that is not");
   expect_refusal(refusal(write_tokenizer(std::string("{\"model\": {\"vocab\": {"), "cut")), "cut", "is not valid JSON");
   expect_refusal(refusal(write_tokenizer(std::string("[1, 2]"), "list")), "list", "does not hold a JSON object");
+  // A document in memory is named as its caller names it.
+  expect_refusal(message_of([] { Tokenizer::from_json_text("{\"model\": 3", "in-memory.json"); }, "in-memory"),
+                 "in-memory", "is not valid JSON");
   document = small_tokenizer({});
   document["normalizer"] = 7;
   expect_refusal(refusal(document, "shape"), "shape", "normalizer '' is not supported");
@@ -112,6 +148,23 @@ TEST(TokenizerRefusal, AddedTokenOptionsAndBrokenFiles) {
   const std::filesystem::path folder = std::filesystem::temp_directory_path() / "quorvel-text-folder.json";
   std::filesystem::create_directories(folder);
   expect_refusal(refusal(folder), "quorvel-text-folder", "is not a regular file");
+}
+
+TEST(TokenizerRefusal, AddedTokenIdsThatStandForOtherText) {
+  // Decoding would not give back the text that was encoded.
+  json document = small_tokenizer({});
+  document["added_tokens"].push_back({{"id", 97}, {"content", "<x>"}});
+  expect_refusal(refusal(document, "vocab-id"), "vocab-id",
+                 "added token '<x>' has id 97, which model.vocab gives to other text");
+  document["added_tokens"] = {{{"id", 300}, {"content", "<a>"}}, {{"id", 300}, {"content", "<b>"}}};
+  expect_refusal(refusal(document, "shared-id"), "shared-id", "added tokens '<a>' and '<b>' have the same id 300");
+  // The same text under the same id, in the vocabulary or listed twice, is no contradiction.
+  document = small_tokenizer({{"a", "b"}});
+  document["added_tokens"] = {
+      {{"id", 256}, {"content", "ab"}}, {{"id", 300}, {"content", "<a>"}}, {{"id", 300}, {"content", "<a>"}}};
+  const Tokenizer tokenizer = Tokenizer::from_json_text(document.dump(), "same-text");
+  EXPECT_EQ(tokenizer.encode("<a>ab"), (std::vector<TokenId>{300, 256}));
+  EXPECT_EQ(tokenizer.decode({300, 256}), "<a>ab");
 }
 
 }  // namespace

@@ -77,7 +77,7 @@ TEST(GgufTokenizer, WritesLlamaBpeVocabMergesAndAddedTokens) {
   EXPECT_EQ(added[2]["id"], 8);
   EXPECT_EQ(added[2]["content"], "<tool>");
   EXPECT_EQ(added[2]["special"], false);
-  EXPECT_EQ(added[2]["normalized"], true);
+  EXPECT_EQ(added[2]["normalized"], false);
 
   const json config = read_json(dir.path() / "tokenizer_config.json");
   EXPECT_EQ(config["bos_token"], "<|begin|>");
