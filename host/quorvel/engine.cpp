@@ -91,7 +91,10 @@ Answer Engine::ask(const Request& request, const std::function<bool(text::TokenI
 }
 
 // Reading the rest of the answer takes the tokens still to come at the decode speed seen so far;
-// a restart takes the load time and then re-reading what the cache held, at the prefill speed.
+// a restart takes the load time and then re-reading what the cache held, at the prefill speed. A few
+// tokens are always read: they cost little, and the cache stays as it is.
+constexpr std::uint64_t kAlwaysDrained = 16;
+
 bool Engine::drain_is_quicker(const Request& request, const Answer& answer) const {
   const std::uint64_t generated = answer.ids.size();
   const std::uint64_t limit = request.sampling.max_tokens == 0 ? config_.max_position_embeddings
@@ -100,6 +103,7 @@ bool Engine::drain_is_quicker(const Request& request, const Answer& answer) cons
                                  config_.max_position_embeddings, request.kv_position + request.tokens.size());
   const std::uint64_t most_lines = std::min(limit, room + 1);
   const std::uint64_t to_come = most_lines > generated ? most_lines - generated : 0;
+  if (to_come <= kAlwaysDrained) return true;
   const double per_token = generated > 1 ? seconds(answer.last_token - answer.first_token) / double(generated - 1)
                                          : seconds(answer.first_token - answer.sent);
   const double per_prompt_token = seconds(answer.first_token - answer.sent) / double(request.tokens.size());

@@ -192,6 +192,8 @@ TEST_F(QuorvelCommand, ChatTurnsSendOnlyWhatTheCacheLacks) {
       << chat.err;
 }
 
+// With -n 12 the rest of the answer after the stop is short enough to be read and dropped, never
+// left to a restart of the engine, so the one engine's cache can be followed through the logs.
 TEST_F(QuorvelCommand, AStopStringInAChatRewindsTheCacheToTheAcceptedText) {
   const std::vector<std::string> chat{"chat", model_dir().string(), "--engine", recorder().string(), "-n", "12",
                                       "--temp", "0", "--chat-format", "bitnet"};
