@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "host/quorvel/command_error.h"
+#include "host/quorvel/id_list.h"
 #include "tools/lib/init_text_writer.h"
 
 namespace quorvel::cli {
@@ -21,10 +22,8 @@ std::optional<std::uint64_t> parse_number(const std::string& line) {
 }
 
 std::string request_block(const Request& request) {
-  std::string tokens;
-  for (const text::TokenId id : request.tokens) tokens += (tokens.empty() ? "" : ",") + std::to_string(id);
-  std::string lines = "kv_position=" + std::to_string(request.kv_position) + "\ntokens=" + tokens + "\n" +
-                      request.sampling.request_lines();
+  const std::string lines = "kv_position=" + std::to_string(request.kv_position) + "\ntokens=" +
+                            id_list(request.tokens, ',') + "\n" + request.sampling.request_lines();
   return std::to_string(std::count(lines.begin(), lines.end(), '\n')) + "\n" + lines;
 }
 

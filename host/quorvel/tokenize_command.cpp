@@ -7,6 +7,7 @@
 
 #include "host/quorvel/command_error.h"
 #include "host/quorvel/commands.h"
+#include "host/quorvel/id_list.h"
 #include "host/text/tokenizer.h"
 #include "host/text/utf8.h"
 
@@ -51,9 +52,7 @@ int tokenize_command(const TokenizeOptions& options) {
     std::cout << nlohmann::json{{"ids", ids}, {"tokens", pieces}, {"count", ids.size()}}.dump() << std::endl;
     return 0;
   }
-  std::string line;
-  for (const text::TokenId id : ids) line += (line.empty() ? "" : " ") + std::to_string(id);
-  std::cout << line << std::endl;
+  std::cout << id_list(ids, ' ') << std::endl;
   return 0;
 }
 
