@@ -86,15 +86,33 @@ generate: $(BUILD)/build.ninja
 	cmake --build $(BUILD) -j $(JOBS) --target quorvel-make-rope
 	$(BUILD)/tools/quorvel-make-rope "$(MODEL_DIR)"
 
-# Builds in Release, writes a small 1-bit demo model (once) and holds a
-# two-request conversation with the engine, printing tokens and speeds.
-DEMO_MODEL ?= build-release/demo-model
+# Builds in Release, converts the small model shipped in models/ (trained
+# here on the King James Bible, tools/train/) into the build tree once, and
+# has it complete a prompt: the text, then its speeds.
+DEMO_CHECKPOINT ?= models/kjv-5m
+DEMO_MODEL ?= build-release/demo-kjv-5m
+DEMO_PROMPT ?= And God said,
 demo:
 	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON -DQUORVEL_TESTS=OFF
+	cmake --build build-release -j $(JOBS) --target quorvel-inference quorvel-convert quorvel-command
+	test $(DEMO_MODEL)/qmodel.tensors -nt $(DEMO_CHECKPOINT)/model.safetensors || \
+	  ./build-release/tools/quorvel-convert --force $(DEMO_CHECKPOINT) $(DEMO_MODEL)
+	@echo
+	@printf '%s' "$(DEMO_PROMPT)"
+	@./build-release/quorvel run $(DEMO_MODEL) -p "$(DEMO_PROMPT)" -n 120
+	@echo
+
+# The engine's own protocol, without text: a two-request conversation of
+# token ids with a random 1-bit model, the second request continuing from
+# the kv_position the first one printed.
+DEMO_IDS_MODEL ?= build-release/demo-ids-model
+.PHONY: demo-ids
+demo-ids:
+	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON -DQUORVEL_TESTS=OFF
 	cmake --build build-release -j $(JOBS) --target quorvel-inference quorvel-make-model quorvel-demo
-	test -f $(DEMO_MODEL)/qmodel.tensors || ./build-release/tools/quorvel-make-model $(DEMO_MODEL) --arch 4 \
+	test -f $(DEMO_IDS_MODEL)/qmodel.tensors || ./build-release/tools/quorvel-make-model $(DEMO_IDS_MODEL) --arch 4 \
 	  --hidden 512 --intermediate 1536 --layers 6 --heads 4 --kv-heads 2 --head-dim 128 --vocab 4096 --max-pos 1024
-	./build-release/host/quorvel-demo ./build-release/quorvel-inference $(DEMO_MODEL)
+	./build-release/host/quorvel-demo ./build-release/quorvel-inference $(DEMO_IDS_MODEL)
 
 # The 64-bit ARM build: cross-compiled with the aarch64 GNU toolchain
 # (g++-aarch64-linux-gnu) and run under qemu-user (qemu-aarch64), once as a
