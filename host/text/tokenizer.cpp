@@ -32,12 +32,20 @@ Tokenizer::Tokenizer(TokenizerDefinition definition, const std::filesystem::path
 }
 
 std::vector<TokenId> Tokenizer::encode(std::string_view text, bool special_tokens) const {
-  return encode({TextPart{std::string(text), special_tokens}});
+  const PartView part{text, special_tokens};
+  return encode_parts({&part, 1});
 }
 
 std::vector<TokenId> Tokenizer::encode(const std::vector<TextPart>& parts) const {
+  std::vector<PartView> views;
+  views.reserve(parts.size());
+  for (const TextPart& part : parts) views.push_back({part.text, part.special_tokens});
+  return encode_parts(views);
+}
+
+std::vector<TokenId> Tokenizer::encode_parts(std::span<const PartView> parts) const {
   std::size_t size = 0;
-  for (const TextPart& part : parts) {
+  for (const PartView& part : parts) {
     if (const std::optional<std::size_t> bad = first_invalid_utf8_byte(part.text)) {
       throw TextError("input is not valid UTF-8 at byte " + std::to_string(size + *bad));
     }
@@ -45,20 +53,28 @@ std::vector<TokenId> Tokenizer::encode(const std::vector<TextPart>& parts) const
   }
   std::vector<TokenId> ids;
   ids.reserve(size / 3 + 1);
-  std::string ordinary;  // text since the last added token, possibly from several parts
-  for (const TextPart& part : parts) {
-    const std::string_view text = part.text;
+  // Ordinary text that runs on from earlier parts; text within one part is encoded where it lies.
+  std::string carried;
+  const auto encode_run = [&](std::string_view tail) {
+    if (carried.empty()) return encode_ordinary(tail, ids);
+    carried.append(tail);
+    encode_ordinary(carried, ids);
+    carried.clear();
+  };
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    const std::string_view text = parts[i].text;
     std::size_t done = 0;
-    while (const std::optional<AddedTokenMatch> match = added_tokens_.find(text, done, part.special_tokens)) {
-      ordinary.append(text.substr(done, match->offset - done));
-      encode_ordinary(ordinary, ids);
-      ordinary.clear();
+    while (const std::optional<AddedTokenMatch> match = added_tokens_.find(text, done, parts[i].special_tokens)) {
+      encode_run(text.substr(done, match->offset - done));
       ids.push_back(match->id);
       done = match->offset + match->length;
     }
-    ordinary.append(text.substr(done));
+    if (i + 1 == parts.size()) {
+      encode_run(text.substr(done));
+    } else {
+      carried.append(text.substr(done));
+    }
   }
-  encode_ordinary(ordinary, ids);
   return ids;
 }
 

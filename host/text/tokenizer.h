@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -54,6 +55,11 @@ class Tokenizer {
 
  private:
   Tokenizer(TokenizerDefinition definition, const std::filesystem::path& file);
+  struct PartView {
+    std::string_view text;
+    bool special_tokens;
+  };
+  std::vector<TokenId> encode_parts(std::span<const PartView> parts) const;
   void encode_ordinary(std::string_view text, std::vector<TokenId>& ids) const;
 
   std::unique_ptr<BpeModel> model_;
