@@ -59,11 +59,27 @@ ModelDirectory::ModelDirectory(fs::path path) : path_(std::move(path)) {
     throw CommandError(tokenizer_file.string() + ": not found; a model directory needs its tokenizer");
   }
   tokenizer_ = std::make_unique<text::Tokenizer>(tokenizer_file);
-  const json config = read_tokenizer_config(path_ / "tokenizer_config.json");
+  const fs::path config_file = path_ / "tokenizer_config.json";
+  const json config = read_tokenizer_config(config_file);
+  read_chat_template(config, config_file);
   const auto add_bos = config.find("add_bos_token");
   const bool adds_bos = add_bos == config.end() || !add_bos->is_boolean() || add_bos->get<bool>();
   if (const auto bos = config.find("bos_token"); adds_bos && bos != config.end()) {
     if (const auto text = token_text(*bos)) begin_of_text_ = special_token_id(*text);
+  }
+}
+
+// The template of chat_template.jinja when there is one, else the chat_template of tokenizer_config.json.
+void ModelDirectory::read_chat_template(const json& config, const fs::path& config_file) {
+  const fs::path jinja = path_ / "chat_template.jinja";
+  if (fs::exists(jinja)) {
+    chat_template_ = read_text(jinja);
+    chat_template_file_ = jinja;
+    return;
+  }
+  chat_template_file_ = config_file;
+  if (const auto found = config.find("chat_template"); found != config.end() && found->is_string()) {
+    chat_template_ = found->get<std::string>();
   }
 }
 
@@ -75,15 +91,13 @@ text::ChatFormat ModelDirectory::chat_format(const std::string& name, bool think
       throw CommandError(error.what());
     }
   }
-  const fs::path jinja = path_ / "chat_template.jinja";
-  if (fs::exists(jinja)) {
-    if (const auto family = text::ChatFormat::recognise(read_text(jinja))) return text::ChatFormat(*family, thinking);
+  const std::string where = chat_template_file_.string();
+  if (!chat_template_) throw CommandError(where + ": has no chat template; name a format (--chat-format NAME)");
+  const std::optional<text::ChatFamily> family = text::ChatFormat::recognise(*chat_template_);
+  if (!family) {
+    throw CommandError(where + ": its chat template is none of llama3, bitnet or chatml; name a format (--chat-format NAME)");
   }
-  try {
-    return text::chat_format_of(path_ / "tokenizer_config.json", thinking);
-  } catch (const std::runtime_error& error) {
-    throw CommandError(std::string(error.what()) + " (--chat-format NAME)");
-  }
+  return text::ChatFormat(*family, thinking);
 }
 
 std::optional<text::TokenId> ModelDirectory::special_token_id(const std::string& text) const {

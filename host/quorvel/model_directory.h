@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -37,8 +38,12 @@ class ModelDirectory {
   std::optional<text::TokenId> special_token_id(const std::string& text) const;
 
  private:
+  void read_chat_template(const nlohmann::json& config, const std::filesystem::path& config_file);
+
   std::filesystem::path path_;
   InitConfig config_;
+  std::optional<std::string> chat_template_;
+  std::filesystem::path chat_template_file_;  // where it came from, or where it was looked for
   std::unique_ptr<text::Tokenizer> tokenizer_;
   std::optional<text::TokenId> begin_of_text_;
 };

@@ -1,8 +1,5 @@
 #include "host/text/chat_format.h"
 
-#include <fstream>
-#include <nlohmann/json.hpp>
-#include <sstream>
 #include <stdexcept>
 
 namespace quorvel::text {
@@ -185,25 +182,6 @@ std::vector<std::string> ChatFormat::stop_tokens() const {
     case ChatFamily::COMPLETION: break;
   }
   return {};
-}
-
-ChatFormat chat_format_of(const std::filesystem::path& tokenizer_config, bool thinking) {
-  std::ifstream in(tokenizer_config, std::ios::binary);
-  if (!in) throw std::runtime_error(tokenizer_config.string() + ": cannot be opened");
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  const nlohmann::json config = nlohmann::json::parse(bytes.str(), nullptr, false);
-  const auto found = config.is_object() ? config.find("chat_template") : config.end();
-  if (!config.is_object() || found == config.end() || !found->is_string()) {
-    throw std::runtime_error(tokenizer_config.string() +
-                             ": has no chat_template; name a format (llama3, bitnet, chatml, completion)");
-  }
-  const std::optional<ChatFamily> family = ChatFormat::recognise(found->get<std::string>());
-  if (!family) {
-    throw std::runtime_error(tokenizer_config.string() +
-                             ": its chat_template is none of llama3, bitnet or chatml; name a format instead");
-  }
-  return ChatFormat(*family, thinking);
 }
 
 }  // namespace quorvel::text

@@ -5,7 +5,6 @@
 // turn and opens the next goes out, so the cached prefix is never recomputed.
 #pragma once
 
-#include <filesystem>
 #include <optional>
 #include <span>
 #include <string>
@@ -68,10 +67,5 @@ class ChatFormat {
   ChatFamily family_;
   bool thinking_;
 };
-
-// The format of a model directory's tokenizer_config.json, recognised from
-// its chat_template. Throws std::runtime_error naming the file when there is
-// no template or it is of no known family (the user can name one instead).
-ChatFormat chat_format_of(const std::filesystem::path& tokenizer_config, bool thinking = true);
 
 }  // namespace quorvel::text

@@ -257,6 +257,36 @@ TEST_F(QuorvelCommand, TheEnginesOwnStartupMessageReachesTheUserUnchanged) {
   fs::remove_all(broken);
 }
 
+// The chat format comes from chat_template.jinja before tokenizer_config.json; a missing or unknown
+// template, or a config that is not JSON, is refused before the engine starts.
+TEST_F(QuorvelCommand, TheChatTemplateIsRecognisedOrRefused) {
+  const fs::path dir = *dir_ / "templates";
+  fs::create_directory(dir);
+  for (const char* name : {"init.txt", "tokenizer.json", "qmodel.tensors", "rope.cache"}) {
+    fs::copy_file(model_dir() / name, dir / name, fs::copy_options::overwrite_existing);
+  }
+  const std::vector<std::string> run{"run", dir.string(), "--chat", "-p", "Hi", "-n", "1", "--json"};
+  const std::string config = (dir / "tokenizer_config.json").string();
+  const std::vector<std::pair<std::string, std::string>> refused{
+      {R"({"chat_template": "{{ messages }}"})", "Error: " + config + ": its chat template is none of"},
+      {R"({"bos_token": "<s>"})", "Error: " + config + ": has no chat template"},
+      {"not json", "Error: " + config + ": is not a JSON object"}};
+  for (const auto& [text, message] : refused) {
+    std::ofstream(config) << text;
+    const host::ProcessResult result = quorvel(run);
+    EXPECT_EQ(result.exit_status, 1) << text;
+    EXPECT_TRUE(result.err.starts_with(message)) << result.err;
+  }
+  std::ofstream(config) << R"({"chat_template": "{{ messages }}"})";
+  std::ofstream(dir / "chat_template.jinja") << "{{- '<|im_start|>' + message.role }}";
+  const host::ProcessResult chatml = quorvel(run);
+  ASSERT_EQ(chatml.exit_status, 0) << chatml.err;
+  const std::vector<text::ChatMessage> turn{{"user", "Hi"}};
+  EXPECT_EQ(json::parse(chatml.out)["prompt_tokens"],
+            llama3().encode(text::ChatFormat::named("chatml").render(turn)).size());
+  fs::remove_all(dir);
+}
+
 TEST_F(QuorvelCommand, TokenizeAndDetokenizeAgreeWithTheLibrary) {
   const std::string text = "Say <|eot_id|> twice:\t<|eot_id|>\n";
   const host::ProcessResult special = quorvel({"tokenize", model_dir().string()}, text);
