@@ -293,6 +293,19 @@ void tokenizer_seeds(SeedWriter& seeds) {
   seeds.add("fuzz_tokenizer_json", "nfc", with_text(nfc, "e\xcc\x81t\xc3\xa9 caf\xc3\xa9<x>"));
 }
 
+void api_request_seeds(SeedWriter& seeds) {
+  seeds.add("fuzz_api_request", "chat",
+            R"({"model":"m","messages":[{"role":"system","content":"Be brief."},{"role":"user","content":"Hi"}],)"
+            R"("max_tokens":8,"temperature":0.7,"top_p":0.9,"top_k":40,"stop":["\n\n","END"],"stream":true,)"
+            R"("stream_options":{"include_usage":true}})");
+  seeds.add("fuzz_api_request", "chat-parts",
+            R"({"messages":[{"role":"developer","content":[{"type":"text","text":"a"},{"type":"text","text":"b"}]},)"
+            R"({"role":"assistant","content":null},{"role":"user","content":"\u00e9\ud83d\ude00"}],"seed":1,"temperature":0})");
+  seeds.add("fuzz_api_request", "completion",
+            R"({"prompt":"Once upon a time","max_completion_tokens":16,"repeat_penalty":1.1,"stop":"."})");
+  seeds.add("fuzz_api_request", "refused", R"({"prompt":["a","b"],"n":2,"frequency_penalty":0.5,"logprobs":true})");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -311,6 +324,7 @@ int main(int argc, char** argv) {
     safetensors_seeds(seeds);
     gguf_seeds(seeds);
     tokenizer_seeds(seeds);
+    api_request_seeds(seeds);
   } catch (const std::exception& e) {
     std::cerr << "fuzz_make_seeds: " << e.what() << "\n";
     return 1;
