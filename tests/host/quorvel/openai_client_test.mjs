@@ -73,7 +73,7 @@ function makeTinyModel() {
 
 // Starts the server and resolves with its port once it prints the listening line.
 function startServer() {
-  server = spawn(quorvel, ['serve', modelDir, '--port', '0', '--api-key', apiKey], {
+  server = spawn(quorvel, ['serve', modelDir, '--port', '0', '--parallel', '1', '--api-key', apiKey], {
     stdio: ['ignore', 'pipe', 'pipe'],
   });
   serverExit = new Promise((resolve) => server.on('exit', (code, signal) => resolve({ code, signal })));
@@ -174,6 +174,8 @@ check('a chat completion, temperature 0 and max_tokens 8', async () => {
   assert.equal(typeof choice.message.content, 'string');
   checkUsage(completion.usage, 'the completion');
   checkFinish(choice.finish_reason, completion.usage, 'the completion');
+  // The server's first request finds nothing cached.
+  assert.equal(completion.usage.prompt_tokens_details.cached_tokens, 0, 'cached_tokens of the first request');
   whole = completion;
   console.log(`# chat completion: ${completion.usage.completion_tokens} tokens, finish_reason ` +
     `${choice.finish_reason}, content ${JSON.stringify(choice.message.content)}`);
@@ -210,7 +212,11 @@ check('the same request streamed gives the same text in deltas, then its usage',
   assert.equal(text, whole.choices[0].message.content, 'the deltas add up to the non-streamed content');
   assert.equal(last.usage.completion_tokens, whole.usage.completion_tokens);
   assert.equal(last.usage.prompt_tokens, whole.usage.prompt_tokens);
-  console.log(`# stream: ${chunks.length} chunks, deltas ${JSON.stringify(withChoices.map((c) => c.choices[0].delta.content ?? ''))}`);
+  // One slot served the same prompt before, so it starts from what that left cached.
+  assert.ok(last.usage.prompt_tokens_details.cached_tokens > 0,
+    `the repeated prompt found ${last.usage.prompt_tokens_details.cached_tokens} of ${last.usage.prompt_tokens} tokens cached`);
+  console.log(`# stream: ${last.usage.prompt_tokens_details.cached_tokens} of ${last.usage.prompt_tokens} prompt tokens cached, ` +
+    `${chunks.length} chunks, deltas ${JSON.stringify(withChoices.map((c) => c.choices[0].delta.content ?? ''))}`);
 });
 
 check('a streamed answer is server-sent events ending in [DONE]', async () => {
