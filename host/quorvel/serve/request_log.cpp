@@ -1,6 +1,7 @@
 #include "host/quorvel/serve/request_log.h"
 
 #include <cstdio>
+#include <iostream>
 #include <mutex>
 
 namespace quorvel::serve {
@@ -42,10 +43,12 @@ std::string log_line(const std::string& method, const std::string& path, int sta
   return line + text;
 }
 
-void write_log_line(std::ostream& out, const std::string& line) {
-  static std::mutex mutex;
-  const std::lock_guard lock(mutex);
-  out << line << std::endl;
+LogSink standard_error_log() {
+  return [](const std::string& line) {
+    static std::mutex mutex;
+    const std::lock_guard lock(mutex);
+    std::cerr << line << std::endl;
+  };
 }
 
 }  // namespace quorvel::serve

@@ -4,8 +4,8 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <optional>
-#include <ostream>
 #include <string>
 
 #include "host/quorvel/serve/slot.h"
@@ -26,7 +26,10 @@ CompletionFigures figures_of(const Generation& generation, int slot, cli::Clock:
 std::string log_line(const std::string& method, const std::string& path, int status,
                      const std::optional<CompletionFigures>& figures, double seconds);
 
-// Writes whole lines, one at a time, from any thread.
-void write_log_line(std::ostream& out, const std::string& line);
+// Where the server's lines go; called from any thread.
+using LogSink = std::function<void(const std::string& line)>;
+
+// Whole lines on standard error, one at a time.
+LogSink standard_error_log();
 
 }  // namespace quorvel::serve

@@ -26,7 +26,7 @@ sigset_t stop_signals() {
 int serve_command(const ServeOptions& options) {
   const sigset_t signals = stop_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  Server server(options, std::cerr);
+  Server server(options, standard_error_log());
   const int port = server.bind();
   std::cerr << "quorvel serve: listening on http://" << options.host << ":" << port << std::endl;
   std::atomic<bool> signalled{false};

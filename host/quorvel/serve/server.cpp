@@ -22,12 +22,14 @@ using nlohmann::json;
 struct RequestRecord {
   cli::Clock::time_point arrived = cli::Clock::now();
   std::optional<CompletionFigures> figures;
-  int failed_status = 0;  // a stream that failed after its 200 went out
+  int failed_status = 0;        // a stream that failed after its 200 went out
+  std::string server_error;     // the message of a 5xx answer
   bool disconnected = false;
 };
 thread_local RequestRecord record;
 
 void send_error(httplib::Response& response, const ApiError& error) {
+  if (error.status() >= 500) record.server_error = error.what();
   response.status = error.status();
   response.set_content(json_text(error.body()), "application/json");
 }
@@ -58,8 +60,8 @@ std::string memory_line(const quorvel::ModelMemory& memory) {
 
 }  // namespace
 
-Server::Server(const ServeOptions& options, std::ostream& log)
-    : options_(options), log_(log), model_(options), pool_(start_slots(), options.max_queue), started_(std::time(nullptr)) {
+Server::Server(const ServeOptions& options, LogSink log)
+    : options_(options), log_(std::move(log)), model_(options), pool_(start_slots(), options.max_queue), started_(std::time(nullptr)) {
   route();
 }
 
@@ -67,12 +69,10 @@ std::vector<std::unique_ptr<Slot>> Server::start_slots() {
   const InitConfig& config = model_.engine_spec().config;
   const ModelMemory memory = estimate_model_memory(config, config.num_threads);
   const std::uint64_t physical = physical_memory_bytes();
-  log_ << "quorvel serve: model " << model_.name() << ", context " << model_.context() << ", " << options_.parallel
-       << " slot(s), each engine " << memory_line(memory) << "; the machine has " << readable_size(physical)
-       << std::endl;
-  if (!model_.no_chat_reason().empty()) {
-    log_ << "quorvel serve: chat completions are refused: " << model_.no_chat_reason() << std::endl;
-  }
+  log_("quorvel serve: model " + model_.name() + ", context " + std::to_string(model_.context()) + ", " +
+       std::to_string(options_.parallel) + " slot(s), each engine " + memory_line(memory) + "; the machine has " +
+       readable_size(physical));
+  if (!model_.no_chat_reason().empty()) log_("quorvel serve: chat completions are refused: " + model_.no_chat_reason());
   if (memory.total() > physical / options_.parallel) {
     throw cli::CommandError("--parallel " + std::to_string(options_.parallel) + " needs " +
                             readable_size(memory.total() * options_.parallel) + " of memory, more than the " +
@@ -84,7 +84,7 @@ std::vector<std::unique_ptr<Slot>> Server::start_slots() {
     char ready[96];
     std::snprintf(ready, sizeof ready, "slot %zu: engine pid %d ready in %.2f s", i,
                   static_cast<int>(slots.back()->engine_pid()), slots.back()->load_seconds());
-    log_ << ready << std::endl;
+    log_(ready);
   }
   return slots;
 }
@@ -115,8 +115,10 @@ void Server::route() {
     const json model{{"id", model_.name()}, {"object", "model"}, {"created", started_}, {"owned_by", "quorvel"}};
     response.set_content(json_text({{"object", "list"}, {"data", json::array({model})}}), "application/json");
   });
-  http_.Get("/health", [](const auto&, auto& response) {
-    response.set_content(R"({"status":"ok"})", "application/json");
+  http_.Get("/health", [this](const auto&, auto& response) {
+    const SlotPool::Occupancy now = pool_.occupancy();
+    const json health{{"status", "ok"}, {"slots", pool_.size()}, {"slots_idle", now.idle}, {"requests_waiting", now.waiting}};
+    response.set_content(json_text(health), "application/json");
   });
 }
 
@@ -175,6 +177,7 @@ void Server::stream(SlotPool::Lease& lease, const ApiRequest& request, const std
     send(std::string(kDoneEvent));
   } catch (const ApiError& error) {
     record.failed_status = error.status();
+    record.server_error = error.what();
     send(event(error.body()));
   }
   if (!record.disconnected) sink.done();
@@ -185,7 +188,8 @@ void Server::log(const httplib::Request& request, const httplib::Response& respo
   const int status = record.failed_status != 0 ? record.failed_status : response.status;
   std::string line = log_line(request.method, request.path, status, record.figures, seconds);
   if (record.disconnected) line += " \xC2\xB7 the client left before the end";
-  write_log_line(log_, line);
+  if (!record.server_error.empty()) line += " \xC2\xB7 " + record.server_error;
+  log_(line);
 }
 
 int Server::bind() {

@@ -5,8 +5,7 @@
 
 #include <httplib.h>
 
-#include <ostream>
-
+#include "host/quorvel/serve/request_log.h"
 #include "host/quorvel/serve/served_model.h"
 #include "host/quorvel/serve/slot_pool.h"
 
@@ -16,7 +15,7 @@ class Server {
  public:
   // Reads the model directory and starts every slot's engine; throws CommandError when the model
   // cannot be served or `parallel` engines would not fit in the machine's memory.
-  Server(const ServeOptions& options, std::ostream& log);
+  Server(const ServeOptions& options, LogSink log);
 
   // Binds the address (port 0: a free port) and returns the port; throws CommandError.
   int bind();
@@ -24,7 +23,7 @@ class Server {
   void run();
   void stop() { http_.stop(); }
 
-  const SlotPool& slots() const { return pool_; }
+  SlotPool& slots() { return pool_; }
 
  private:
   std::vector<std::unique_ptr<Slot>> start_slots();
@@ -36,7 +35,7 @@ class Server {
   void log(const httplib::Request& request, const httplib::Response& response);
 
   ServeOptions options_;
-  std::ostream& log_;
+  LogSink log_;
   ServedModel model_;
   SlotPool pool_;
   std::int64_t started_;  // seconds since 1970, for /v1/models

@@ -1,7 +1,6 @@
 #include "host/quorvel/serve/slot.h"
 
 #include <algorithm>
-#include <iostream>
 
 #include "host/quorvel/command_error.h"
 #include "host/quorvel/serve/api_error.h"
@@ -39,8 +38,8 @@ Generation Slot::generate(const std::vector<text::TokenId>& prompt, const cli::S
     engine_.reset();
     cached_.clear();
     const std::string problem = std::string(error.what()).substr(std::string_view("Error: ").size());
-    std::cerr << "slot " << index_ << ": " << problem << "; a new engine starts with the next request" << std::endl;
-    throw ApiError(500, problem, "engine_stopped");
+    throw ApiError(500, "slot " + std::to_string(index_) + ": " + problem + "; a new engine starts with the next request",
+                   "engine_stopped");
   }
   const cli::Answer& answer = generation.reply.answer;
   cached_.clear();

@@ -45,6 +45,11 @@ std::shared_ptr<SlotPool::Lease> SlotPool::acquire(std::span<const text::TokenId
   return std::make_shared<Lease>(*this, *slots_[chosen]);
 }
 
+SlotPool::Occupancy SlotPool::occupancy() {
+  const std::lock_guard lock(mutex_);
+  return {static_cast<std::size_t>(std::count(busy_.begin(), busy_.end(), false)), waiting_.size()};
+}
+
 void SlotPool::release(Slot& slot) {
   {
     const std::lock_guard lock(mutex_);

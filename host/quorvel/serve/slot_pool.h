@@ -38,6 +38,11 @@ class SlotPool {
   // already wait.
   std::shared_ptr<Lease> acquire(std::span<const text::TokenId> prompt);
 
+  struct Occupancy {
+    std::size_t idle = 0, waiting = 0;
+  };
+  Occupancy occupancy();
+
   std::size_t size() const { return slots_.size(); }
   const Slot& slot(std::size_t index) const { return *slots_[index]; }
 
