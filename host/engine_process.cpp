@@ -80,7 +80,9 @@ ProcessResult run_process(const std::vector<std::string>& argv, const std::strin
 
 EngineSession::EngineSession(const std::vector<std::string>& argv, const std::string& stderr_path) {
   int to_child[2], from_child[2];
-  if (pipe(to_child) != 0 || pipe(from_child) != 0) throw std::runtime_error("pipe failed");
+  // Close-on-exec everywhere, and every other descriptor closed in the child: an engine started while
+  // another thread of the host holds sockets or other engines' pipes must not keep them open.
+  if (pipe2(to_child, O_CLOEXEC) != 0 || pipe2(from_child, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, to_child[0], 0);
@@ -88,13 +90,19 @@ EngineSession::EngineSession(const std::vector<std::string>& argv, const std::st
   if (!stderr_path.empty()) {
     posix_spawn_file_actions_addopen(&actions, 2, stderr_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   }
-  for (int fd : {to_child[0], to_child[1], from_child[0], from_child[1]}) {
-    posix_spawn_file_actions_addclose(&actions, fd);
-  }
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  // Nor the host's signal settings: a host that blocks signals in its threads or ignores SIGPIPE
+  // starts an engine with the usual ones.
+  sigset_t none, defaults;
+  sigemptyset(&none);
+  sigemptyset(&defaults);
+  for (int signal : {SIGPIPE, SIGINT, SIGTERM}) sigaddset(&defaults, signal);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   posix_spawnattr_setpgroup(&attributes, 0);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
   auto args = c_argv(argv);
   const int spawned = posix_spawn(&pid_, args[0], &actions, &attributes, args.data(), environ);
   posix_spawnattr_destroy(&attributes);

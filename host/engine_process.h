@@ -46,6 +46,7 @@ class EngineSession {
   int finish();
   // Ends the engine at once (SIGKILL) and waits for it.
   void kill();
+  pid_t pid() const { return pid_; }
   // After finish() or kill(): how the process ended, in words.
   std::string how_it_ended() const { return describe_end(exit_status_, signal_); }
 

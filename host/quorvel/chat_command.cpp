@@ -59,8 +59,9 @@ class Chat {
                 << " tokens again from position " << turn.kv_position << ")" << std::endl;
     }
     const Request request = session_.request(turn);
+    const InterruptGuard interrupt;
     const Reply reply = stream_reply(session_.engine(), request, session_.model().tokenizer(),
-                                     {options_.stop_strings, Engine::Rest::drop, stdout});
+                                     {options_.stop_strings, Engine::Rest::drop, printing_sink(stdout, interrupt)});
     std::cout << std::endl;
     if (reply.end == ReplyEnd::interrupted) std::cerr << "(interrupted)" << std::endl;
     session_.conversation().add_reply(reply.answer.ids, reply.answer.position, reply.answer.complete,

@@ -1,12 +1,14 @@
 // quorvel: text in, text out. Runs quorvel-inference (found beside this program) as a child process
-// and speaks its block protocol: `run` completes one prompt, `chat` holds a conversation, `tokenize`
-// and `detokenize` show what the model's tokenizer makes of a text.
+// and speaks its block protocol: `run` completes one prompt, `chat` holds a conversation, `serve`
+// answers OpenAI-style HTTP requests, `tokenize` and `detokenize` show what the model's tokenizer
+// makes of a text.
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <iostream>
 
 #include "host/quorvel/command_error.h"
 #include "host/quorvel/commands.h"
+#include "host/quorvel/serve/serve_command.h"
 #include "host/text/text_error.h"
 
 namespace {
@@ -52,12 +54,41 @@ void add_tokenizer_options(CLI::App& command, TokenizeOptions& options) {
   command.footer(kExitStatuses);
 }
 
+void add_serve_options(CLI::App& command, quorvel::serve::ServeOptions& options) {
+  command.add_option("MODEL_DIR", options.model_dir, "A converted model directory")->required()->check(
+      CLI::ExistingDirectory);
+  command.add_option("--host", options.host, "The address to listen on; anything but 127.0.0.1 lets other machines in")
+      ->capture_default_str();
+  command.add_option("--port", options.port, "The port; 0 picks a free one")->capture_default_str()->check(
+      CLI::Range(0, 65535));
+  command.add_option("--parallel", options.parallel, "Slots: engines running at once, each with its own copy of the model")
+      ->capture_default_str()->check(CLI::Range(1, 64));
+  command.add_option("--max-queue", options.max_queue, "Requests that may wait for a slot; more get 503")
+      ->capture_default_str();
+  command.add_option("--api-key", options.api_key, "Ask every request but /health for Authorization: Bearer KEY");
+  command.add_option("--ctx", options.context, "Positions a request may fill, prompt and reply (default: the model's context)");
+  command.add_option("--max-body", options.max_body_bytes, "Largest request body in bytes; larger gets 413")
+      ->capture_default_str();
+  command.add_option("-t,--threads", options.threads, "Threads per engine (default: the model's init.txt, else all)")
+      ->check(CLI::PositiveNumber);
+  command.add_option("--chat-format", options.chat_format,
+                     "llama3, bitnet, chatml (or qwen3), completion; default: from the model's chat template");
+  command.add_flag_function(
+      "--no-think", [&options](std::int64_t) { options.thinking = false; },
+      "ChatML: open each reply with an empty think block (thinking off)");
+  command.add_option("--engine", options.engine, "The engine binary (default: quorvel-inference beside quorvel)");
+  command.footer(
+      "Endpoints: POST /v1/chat/completions, POST /v1/completions, GET /v1/models, GET /health.\n"
+      "Exit status: 0 stopped by SIGINT or SIGTERM, 1 an error (its message says which), 2 a command line that "
+      "does not parse, 3 an engine ended while starting.");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   // A write to an engine that has ended reports an error instead of ending quorvel.
   std::signal(SIGPIPE, SIG_IGN);
-  CLI::App app("quorvel: run, chat with and tokenize for a converted model");
+  CLI::App app("quorvel: run, chat with, serve and tokenize for a converted model");
   app.require_subcommand(1);
   app.footer(kExitStatuses);
 
@@ -84,6 +115,10 @@ int main(int argc, char** argv) {
   CLI::App* detokenize_app = app.add_subcommand("detokenize", "Print the text of the ids on standard input");
   add_tokenizer_options(*detokenize_app, detokenize);
 
+  quorvel::serve::ServeOptions serve;
+  CLI::App* serve_app = app.add_subcommand("serve", "Answer OpenAI-style HTTP requests (chat and text completions)");
+  add_serve_options(*serve_app, serve);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -94,6 +129,7 @@ int main(int argc, char** argv) {
   try {
     if (*run_app) return run_command(run);
     if (*chat_app) return chat_command(chat);
+    if (*serve_app) return quorvel::serve::serve_command(serve);
     for (auto [command, options] : {std::pair{tokenize_app, &tokenize}, std::pair{detokenize_app, &detokenize}}) {
       if (!*command) continue;
       if (options->source.empty()) throw CommandError("name a model directory or --tokenizer FILE");

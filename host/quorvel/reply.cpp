@@ -2,7 +2,6 @@
 
 #include <cstdio>
 
-#include "host/quorvel/interrupt.h"
 #include "host/text/stream_decoder.h"
 
 namespace quorvel::cli {
@@ -10,11 +9,6 @@ namespace {
 
 double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
-void print(std::FILE* out, const std::string& text) {
-  if (!out || text.empty()) return;
-  std::fwrite(text.data(), 1, text.size(), out);
-  std::fflush(out);
-}
 
 ReplyEnd how_it_ended(const Engine& engine, const Request& request, const Answer& answer) {
   const std::uint64_t limit = request.sampling.max_tokens;
@@ -30,26 +24,32 @@ const char* finish_reason(ReplyEnd end) {
   return kReasons[static_cast<int>(end)];
 }
 
+TextSink printing_sink(std::FILE* out, const InterruptGuard& interrupt) {
+  return [out, &interrupt](std::string_view text) {
+    if (!text.empty()) {
+      std::fwrite(text.data(), 1, text.size(), out);
+      std::fflush(out);
+    }
+    return !interrupt.interrupted();
+  };
+}
+
 Reply stream_reply(Engine& engine, const Request& request, const text::Tokenizer& tokenizer,
                    const ReplyOptions& options) {
   text::StreamDecoder decoder(tokenizer, options.stop_strings);
-  const InterruptGuard interrupt;
   Reply reply;
   bool interrupted = false;
+  const auto hand_on = [&](const std::string& text) {
+    reply.text += text;
+    return !options.on_text || options.on_text(text);
+  };
   const auto on_token = [&](text::TokenId id) {
     if (engine.is_end(id)) return true;
-    const std::string piece = decoder.push(id);
-    reply.text += piece;
-    print(options.out, piece);
-    interrupted = interrupt.interrupted();
+    interrupted = !hand_on(decoder.push(id));
     return !decoder.stopped() && !interrupted;
   };
   reply.answer = engine.ask(request, on_token, options.rest);
-  if (!decoder.stopped()) {
-    const std::string held = decoder.finish();
-    reply.text += held;
-    print(options.out, held);
-  }
+  if (!decoder.stopped()) hand_on(decoder.finish());
   reply.accepted_bytes = decoder.accepted_bytes();
   reply.end = decoder.stopped() ? ReplyEnd::stop_string
               : interrupted     ? ReplyEnd::interrupted

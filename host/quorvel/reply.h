@@ -1,12 +1,16 @@
-// One reply of the engine, printed as it streams: only whole characters, never a stop string or what
-// follows it, and Ctrl-C ends it early. Also its figures: prompt and generation speeds.
+// One reply of the engine, handed on as it streams: only whole characters, never a stop string or what
+// follows it; whoever receives the text can end the reply early. Also its figures: prompt and
+// generation speeds.
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/quorvel/engine.h"
+#include "host/quorvel/interrupt.h"
 #include "host/text/tokenizer.h"
 
 namespace quorvel::cli {
@@ -23,11 +27,18 @@ struct Reply {
   ReplyEnd end = ReplyEnd::end_token;
 };
 
+// Receives each generated token's text (empty while a character or a possible stop string is held);
+// returning false ends the reply as interrupted.
+using TextSink = std::function<bool(std::string_view)>;
+
 struct ReplyOptions {
   std::vector<std::string> stop_strings;
   Engine::Rest rest = Engine::Rest::drop;  // what becomes of the engine's answer after a stop
-  std::FILE* out = stdout;                 // nullptr: print nothing
+  TextSink on_text;                        // empty: the text is only collected
 };
+
+// A sink that prints to `out` and ends the reply when Ctrl-C was pressed since `interrupt` began.
+TextSink printing_sink(std::FILE* out, const InterruptGuard& interrupt);
 
 Reply stream_reply(Engine& engine, const Request& request, const text::Tokenizer& tokenizer,
                    const ReplyOptions& options);

@@ -34,8 +34,9 @@ int run_command(const RunOptions& options) {
   Session session(options.generation, options.chat || !options.generation.chat_format.empty());
   const TurnRequest turn = session.conversation().add_user(options.prompt, 1);
   const Request request = session.request(turn);
+  const InterruptGuard interrupt;
   const ReplyOptions reply_options{options.generation.stop_strings, Engine::Rest::end_engine,
-                                   options.json ? nullptr : stdout};
+                                   options.json ? TextSink() : printing_sink(stdout, interrupt)};
   const Reply reply = stream_reply(session.engine(), request, session.model().tokenizer(), reply_options);
   const ReplyFigures figures = figures_of(request, reply.answer);
   if (options.json) {

@@ -35,6 +35,13 @@ void SamplingOptions::complete_from(const std::filesystem::path& generation_conf
   take(repeat_penalty, config, "repetition_penalty");
 }
 
+void SamplingOptions::complete_with(const SamplingOptions& defaults) {
+  if (!temperature) temperature = defaults.temperature;
+  if (!top_k) top_k = defaults.top_k;
+  if (!top_p) top_p = defaults.top_p;
+  if (!repeat_penalty) repeat_penalty = defaults.repeat_penalty;
+}
+
 std::string SamplingOptions::request_lines() const {
   std::ostringstream lines;
   lines.precision(9);

@@ -20,6 +20,9 @@ struct SamplingOptions {
   // (do_sample false means greedy). A missing file changes nothing; an unreadable one is an error.
   void complete_from(const std::filesystem::path& generation_config);
 
+  // Takes the settings still unset from `defaults`.
+  void complete_with(const SamplingOptions& defaults);
+
   // The request's sampling lines, key=value each with its line feed.
   std::string request_lines() const;
 };

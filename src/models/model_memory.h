@@ -29,6 +29,9 @@ struct ModelMemory {
 // until its file is read and is not counted.
 ModelMemory estimate_model_memory(const InitConfig& config, std::uint64_t threads);
 
+// GiB with one decimal, or MiB below one GiB.
+std::string readable_size(std::uint64_t bytes);
+
 // "key=value", the way messages about the config name one of its entries.
 std::string config_entry(const char* key, std::uint64_t value);
 

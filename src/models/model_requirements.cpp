@@ -89,17 +89,6 @@ std::optional<std::string> shape_refusal(const InitConfig& c) {
   return std::nullopt;
 }
 
-// GiB with one decimal, or MiB below one GiB.
-std::string readable_size(std::uint64_t bytes) {
-  const double mib = static_cast<double>(bytes) / std::pow(2.0, 20);
-  char text[32];
-  if (mib < 1024.0) {
-    std::snprintf(text, sizeof text, "%.1f MiB", mib);
-  } else {
-    std::snprintf(text, sizeof text, "%.1f GiB", mib / 1024.0);
-  }
-  return text;
-}
 
 std::optional<std::string> memory_refusal(const ModelMemory& memory, std::uint64_t memory_bytes) {
   if (!memory.overflowing_part.empty()) {
@@ -113,6 +102,17 @@ std::optional<std::string> memory_refusal(const ModelMemory& memory, std::uint64
 }
 
 }  // namespace
+
+std::string readable_size(std::uint64_t bytes) {
+  const double mib = static_cast<double>(bytes) / std::pow(2.0, 20);
+  char text[32];
+  if (mib < 1024.0) {
+    std::snprintf(text, sizeof text, "%.1f MiB", mib);
+  } else {
+    std::snprintf(text, sizeof text, "%.1f GiB", mib / 1024.0);
+  }
+  return text;
+}
 
 std::optional<std::string> start_up_refusal(const InitConfig& config, std::uint64_t memory_bytes) {
   const ModelMemory memory = estimate_model_memory(config, thread_count());

@@ -1,0 +1,55 @@
+#include "host/quorvel/serve/slot.h"
+
+#include <algorithm>
+
+#include "host/quorvel/command_error.h"
+#include "host/quorvel/serve/api_error.h"
+
+namespace quorvel::serve {
+
+std::size_t Generation::completion_tokens() const {
+  const std::vector<text::TokenId>& ids = reply.answer.ids;
+  const bool ended = !ids.empty() && reply.answer.complete;
+  return ended ? ids.size() - 1 : ids.size();
+}
+
+Slot::Slot(int index, const EngineSpec& spec) : index_(index), spec_(spec) { start_engine(); }
+
+void Slot::start_engine() {
+  engine_ = std::make_unique<cli::Engine>(spec_.binary, spec_.model_dir, spec_.config);
+  load_seconds_ = engine_->load_seconds();
+}
+
+std::size_t Slot::shared_prefix(std::span<const text::TokenId> prompt) const {
+  const auto [in_cache, in_prompt] = std::mismatch(cached_.begin(), cached_.end(), prompt.begin(), prompt.end());
+  return static_cast<std::size_t>(in_prompt - prompt.begin());
+}
+
+Generation Slot::generate(const std::vector<text::TokenId>& prompt, const cli::SamplingOptions& sampling,
+                          const text::Tokenizer& tokenizer, const cli::ReplyOptions& options) {
+  // At least the last prompt token is sent again: its row gives the first reply token.
+  const std::size_t reused = std::min(shared_prefix(prompt), prompt.size() - 1);
+  Generation generation;
+  generation.request = {reused, {prompt.begin() + static_cast<std::ptrdiff_t>(reused), prompt.end()}, sampling};
+  try {
+    if (!engine_) start_engine();
+    generation.reply = cli::stream_reply(*engine_, generation.request, tokenizer, options);
+  } catch (const cli::CommandError& error) {
+    engine_.reset();
+    cached_.clear();
+    const std::string problem = std::string(error.what()).substr(std::string_view("Error: ").size());
+    throw ApiError(500, "slot " + std::to_string(index_) + ": " + problem + "; a new engine starts with the next request",
+                   "engine_stopped");
+  }
+  const cli::Answer& answer = generation.reply.answer;
+  cached_.clear();
+  if (answer.complete) {
+    // The cache holds the prompt and the printed ids up to the position the engine reports.
+    cached_ = prompt;
+    cached_.insert(cached_.end(), answer.ids.begin(), answer.ids.end());
+    cached_.resize(std::min<std::size_t>(cached_.size(), answer.position));
+  }
+  return generation;
+}
+
+}  // namespace quorvel::serve
