@@ -21,7 +21,11 @@ constexpr int kExitUsage = 2;
 
 void add_range_option(CLI::App& app, const char* name, IntRange& range, const char* what) {
   app.add_option_function<std::pair<int, int>>(
-         name, [&range](const std::pair<int, int>& value) { range = {value.first, value.second}; }, what)
+         name,
+         [&range](const std::pair<int, int>& value) {
+           range = {value.first, value.second};
+         },
+         what)
       ->type_name("LOW HIGH")
       ->check(CLI::Range(1, 1000000));
 }

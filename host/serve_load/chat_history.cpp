@@ -6,9 +6,7 @@ namespace {
 
 constexpr double kTemperature = 0.7;
 
-nlohmann::json message(const char* role, const std::string& content) {
-  return {{"role", role}, {"content", content}};
-}
+nlohmann::json message(const char* role, const std::string& content) { return {{"role", role}, {"content", content}}; }
 
 }  // namespace
 

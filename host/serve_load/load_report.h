@@ -24,7 +24,10 @@ struct LoadSummary {
   Quantiles streamed_first_token;
   Quantiles first_token;
   Quantiles latency;
-  long completion_tokens = 0;  // of the requests that succeeded
+  // Tokens of the requests that succeeded.
+  long prompt_tokens = 0;
+  long cached_tokens = 0;  // of the prompts, read from the server's cache
+  long completion_tokens = 0;
   double wall_seconds = 0;
   std::vector<std::string> first_errors;  // the first few distinct failure messages
 };

@@ -10,11 +10,11 @@ namespace quorvel::serve_load {
 namespace {
 
 constexpr std::array<std::string_view, 48> kWords{
-    "the",    "river",   "carried", "a",      "small",   "boat",   "past",    "old",    "mill",     "where",
-    "children", "played", "near",   "quiet",  "water",   "under",  "green",   "trees",  "while",    "their",
-    "parents", "talked", "about",   "harvest", "weather", "prices", "and",     "roads",  "leading",  "toward",
-    "distant", "towns",  "beyond",  "hills",  "covered", "with",   "morning", "mist",   "explain",  "why",
-    "summary", "story",  "write",   "list",   "three",   "reasons", "brief",  "answer"};
+    "the",      "river",  "carried", "a",       "small",   "boat",    "past",    "old",   "mill",    "where",
+    "children", "played", "near",    "quiet",   "water",   "under",   "green",   "trees", "while",   "their",
+    "parents",  "talked", "about",   "harvest", "weather", "prices",  "and",     "roads", "leading", "toward",
+    "distant",  "towns",  "beyond",  "hills",   "covered", "with",    "morning", "mist",  "explain", "why",
+    "summary",  "story",  "write",   "list",    "three",   "reasons", "brief",   "answer"};
 
 }  // namespace
 

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "host/serve_load/token_usage.h"
+
 namespace quorvel::serve_load {
 
 struct RequestResult {
@@ -13,7 +15,7 @@ struct RequestResult {
   bool streamed = false;
   double first_token_seconds = 0;  // streamed: the first content chunk; else the whole response
   double total_seconds = 0;
-  int completion_tokens = 0;
+  TokenUsage usage;
 
   bool succeeded() const { return outcome == "200"; }
 };

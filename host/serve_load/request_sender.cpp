@@ -36,23 +36,15 @@ std::optional<std::string> reply_text_of(const nlohmann::json& response) {
   return text->get<std::string>();
 }
 
-std::optional<int> completion_tokens_of(const nlohmann::json& response) {
-  const auto usage = response.find("usage");
-  if (usage == response.end()) return std::nullopt;
-  const auto tokens = usage->find("completion_tokens");
-  if (tokens == usage->end() || !tokens->is_number_integer()) return std::nullopt;
-  return tokens->get<int>();
-}
-
 // A whole (not streamed) 200 response: its text and usage.
 Exchange read_completion(const std::string& body) {
   const nlohmann::json response = nlohmann::json::parse(body, nullptr, false);
   std::optional<std::string> reply = reply_text_of(response);
-  const std::optional<int> tokens = completion_tokens_of(response);
-  if (!reply || !tokens) return failure("200 without a reply and usage", body.substr(0, kQuotedBodyLength));
+  const std::optional<TokenUsage> usage = token_usage_of(response);
+  if (!reply || !usage) return failure("200 without a reply and usage", body.substr(0, kQuotedBodyLength));
   Exchange exchange;
   exchange.result.outcome = "200";
-  exchange.result.completion_tokens = *tokens;
+  exchange.result.usage = *usage;
   exchange.reply = std::move(reply);
   return exchange;
 }
@@ -66,7 +58,7 @@ Exchange streamed_exchange(const httplib::Result& response, int status, std::str
     return failure(std::to_string(status), error_message_of(error_body));
   }
   Exchange exchange = failure(tally.outcome(), tally.error());
-  exchange.result.completion_tokens = tally.completion_tokens();
+  exchange.result.usage = tally.usage();
   if (!response && exchange.result.outcome != "500") {
     exchange.result.outcome = "stream cut: " + httplib::to_string(response.error());
   }

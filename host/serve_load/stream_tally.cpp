@@ -39,16 +39,19 @@ void StreamTally::add_chunk(const nlohmann::json& chunk, double seconds) {
     error_ = error_message_of(chunk.dump());
     return;
   }
-  const auto usage = chunk.find("usage");
-  if (usage != chunk.end() && usage->is_object()) {
-    const auto tokens = usage->find("completion_tokens");
-    if (tokens != usage->end() && tokens->is_number_integer()) usage_tokens_ = tokens->get<int>();
-  }
+  if (const std::optional<TokenUsage> usage = token_usage_of(chunk)) usage_ = usage;
   const std::string content = content_of(chunk);
   if (content.empty()) return;
   if (!first_token_seconds_) first_token_seconds_ = seconds;
   text_ += content;
   ++content_chunks_;
+}
+
+TokenUsage StreamTally::usage() const {
+  if (usage_) return *usage_;
+  TokenUsage counted;
+  counted.completion_tokens = content_chunks_;
+  return counted;
 }
 
 std::string StreamTally::outcome() const {

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "host/serve_load/token_usage.h"
+
 namespace quorvel::serve_load {
 
 class StreamTally {
@@ -18,8 +20,8 @@ class StreamTally {
   std::string outcome() const;
   const std::string& error() const { return error_; }
   std::optional<double> first_token_seconds() const { return first_token_seconds_; }
-  // The count in the stream's usage when it sent one, else the number of content chunks.
-  int completion_tokens() const { return usage_tokens_.value_or(content_chunks_); }
+  // The stream's usage chunk when it sent one, else the number of content chunks as the completion.
+  TokenUsage usage() const;
   const std::string& text() const { return text_; }
 
  private:
@@ -28,7 +30,7 @@ class StreamTally {
   std::string text_;
   std::string error_;
   std::optional<double> first_token_seconds_;
-  std::optional<int> usage_tokens_;
+  std::optional<TokenUsage> usage_;
   int content_chunks_ = 0;
   bool done_ = false;
   bool server_error_ = false;

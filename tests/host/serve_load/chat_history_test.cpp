@@ -23,8 +23,8 @@ TEST(ChatHistory, AContinuationSendsTheReplyBackBeforeTheNewTurn) {
   history.add_user_turn(chat("first", false));
   history.set_reply("answer one");
   history.add_user_turn(chat("second", true));
-  EXPECT_EQ(history.messages(), json::array({turn("user", "first"), turn("assistant", "answer one"),
-                                             turn("user", "second")}));
+  EXPECT_EQ(history.messages(),
+            json::array({turn("user", "first"), turn("assistant", "answer one"), turn("user", "second")}));
 }
 
 TEST(ChatHistory, ANewChatForgetsTheOldOne) {

@@ -22,12 +22,10 @@ class FakeChatServer {
   static constexpr std::chrono::milliseconds kChunkPause{60};
 
   FakeChatServer() {
-    server_.Post("/v1/chat/completions", [this](const httplib::Request& in, httplib::Response& out) {
-      answer(in, out, true);
-    });
-    server_.Post("/v1/completions", [this](const httplib::Request& in, httplib::Response& out) {
-      answer(in, out, false);
-    });
+    server_.Post("/v1/chat/completions",
+                 [this](const httplib::Request& in, httplib::Response& out) { answer(in, out, true); });
+    server_.Post("/v1/completions",
+                 [this](const httplib::Request& in, httplib::Response& out) { answer(in, out, false); });
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
     while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -49,9 +47,16 @@ class FakeChatServer {
     return nlohmann::json{{"error", {{"message", message}, {"type", "server_error"}, {"code", 500}}}}.dump();
   }
 
+  static nlohmann::json usage() {
+    return {{"prompt_tokens", 5},
+            {"completion_tokens", 2},
+            {"total_tokens", 7},
+            {"prompt_tokens_details", {{"cached_tokens", 3}}}};
+  }
+
   static std::string chunk(const std::string& text, bool chat) {
-    const nlohmann::json choice =
-        chat ? nlohmann::json{{"index", 0}, {"delta", {{"content", text}}}} : nlohmann::json{{"index", 0}, {"text", text}};
+    const nlohmann::json choice = chat ? nlohmann::json{{"index", 0}, {"delta", {{"content", text}}}}
+                                       : nlohmann::json{{"index", 0}, {"text", text}};
     return "data: " + nlohmann::json{{"choices", {choice}}}.dump() + "\n\n";
   }
 
@@ -87,10 +92,10 @@ class FakeChatServer {
 
   static void whole(httplib::Response& out, bool chat, int number) {
     const std::string text = "reply " + std::to_string(number);
-    const nlohmann::json choice = chat ? nlohmann::json{{"index", 0}, {"message", {{"role", "assistant"}, {"content", text}}}}
-                                       : nlohmann::json{{"index", 0}, {"text", text}};
-    const nlohmann::json response{{"choices", {choice}},
-                                  {"usage", {{"prompt_tokens", 5}, {"completion_tokens", 2}, {"total_tokens", 7}}}};
+    const nlohmann::json choice =
+        chat ? nlohmann::json{{"index", 0}, {"message", {{"role", "assistant"}, {"content", text}}}}
+             : nlohmann::json{{"index", 0}, {"text", text}};
+    const nlohmann::json response{{"choices", {choice}}, {"usage", usage()}};
     out.set_content(response.dump(), "application/json");
   }
 
@@ -104,7 +109,7 @@ class FakeChatServer {
         send("data: " + error_body("the engine stopped") + "\n\n");
       } else {
         send(chunk(" " + std::to_string(number), chat));
-        send("data: {\"choices\":[],\"usage\":{\"prompt_tokens\":5,\"completion_tokens\":2,\"total_tokens\":7}}\n\n");
+        send("data: " + nlohmann::json{{"choices", nlohmann::json::array()}, {"usage", usage()}}.dump() + "\n\n");
         send("data: [DONE]\n\n");
       }
       sink.done();

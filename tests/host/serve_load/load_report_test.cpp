@@ -14,14 +14,16 @@ RequestResult result(const std::string& outcome, bool streamed, double first_tok
   r.streamed = streamed;
   r.first_token_seconds = first_token;
   r.total_seconds = total;
-  r.completion_tokens = tokens;
+  r.usage.completion_tokens = tokens;
+  r.usage.prompt_tokens = 2 * tokens;
+  r.usage.cached_tokens = tokens / 2;
   if (outcome != "200") r.error = "went wrong";
   return r;
 }
 
-const std::vector<RequestResult> kResults{
-    result("200", true, 0.1, 1.0, 10), result("200", false, 2.0, 2.0, 20), result("200", true, 0.3, 3.0, 30),
-    result("500", true, 9.0, 9.0, 5), result("503", false, 0.01, 0.01, 0)};
+const std::vector<RequestResult> kResults{result("200", true, 0.1, 1.0, 10), result("200", false, 2.0, 2.0, 20),
+                                          result("200", true, 0.3, 3.0, 30), result("500", true, 9.0, 9.0, 5),
+                                          result("503", false, 0.01, 0.01, 0)};
 
 TEST(LoadSummary, CountsOutcomesAndFailures) {
   const LoadSummary summary = summarize(kResults, 10.0);
@@ -38,6 +40,8 @@ TEST(LoadSummary, TimesAndTokensAreThoseOfTheRequestsThatSucceeded) {
   EXPECT_DOUBLE_EQ(*summary.latency.p50, 2.0);
   EXPECT_DOUBLE_EQ(*summary.latency.p95, 2.9);
   EXPECT_EQ(summary.completion_tokens, 60);
+  EXPECT_EQ(summary.prompt_tokens, 120);
+  EXPECT_EQ(summary.cached_tokens, 30);
 }
 
 TEST(LoadSummary, PrintsStatusesPercentilesAndTokensPerSecond) {
@@ -49,6 +53,7 @@ TEST(LoadSummary, PrintsStatusesPercentilesAndTokensPerSecond) {
   EXPECT_NE(text.find("streamed 200 ms / "), std::string::npos) << text;
   EXPECT_NE(text.find("latency p50 / p95:     2000 ms / 2900 ms"), std::string::npos) << text;
   EXPECT_NE(text.find("60 in 10.0 s = 6.0 tokens/s"), std::string::npos) << text;
+  EXPECT_NE(text.find("prompt tokens:         120, 30 of them cached (25.0%)"), std::string::npos) << text;
   EXPECT_NE(text.find("failure:               500: went wrong"), std::string::npos) << text;
 }
 
@@ -58,9 +63,7 @@ TEST(LoadSummary, NoSuccessfulRequestPrintsDashes) {
   EXPECT_NE(out.str().find("latency p50 / p95:     - / -"), std::string::npos) << out.str();
 }
 
-TEST(Acceptable, EverySuccessIsAcceptable) {
-  EXPECT_TRUE(acceptable(summarize({kResults[0], kResults[1]}, 1), false));
-}
+TEST(Acceptable, EverySuccessIsAcceptable) { EXPECT_TRUE(acceptable(summarize({kResults[0], kResults[1]}, 1), false)); }
 
 TEST(Acceptable, ServerErrorsOnlyWhenExpected) {
   const LoadSummary with_500 = summarize({kResults[0], kResults[3]}, 1);

@@ -34,7 +34,9 @@ TEST_F(RequestSenderTest, AWholeChatReplyIsReadWithItsUsage) {
   const Exchange exchange = send(plan(Endpoint::kChat, false, "hi"));
   EXPECT_EQ(exchange.result.outcome, "200");
   EXPECT_EQ(exchange.reply, "reply 1");
-  EXPECT_EQ(exchange.result.completion_tokens, 2);
+  EXPECT_EQ(exchange.result.usage.completion_tokens, 2);
+  EXPECT_EQ(exchange.result.usage.prompt_tokens, 5);
+  EXPECT_EQ(exchange.result.usage.cached_tokens, 3);
   EXPECT_FALSE(exchange.result.streamed);
   EXPECT_DOUBLE_EQ(exchange.result.first_token_seconds, exchange.result.total_seconds);
 }
@@ -51,7 +53,8 @@ TEST_F(RequestSenderTest, AStreamIsTimedFromItsFirstChunk) {
     const Exchange exchange = send(plan(endpoint, true, "hi"));
     EXPECT_EQ(exchange.result.outcome, "200");
     EXPECT_TRUE(exchange.result.streamed);
-    EXPECT_EQ(exchange.result.completion_tokens, 2);
+    EXPECT_EQ(exchange.result.usage.completion_tokens, 2);
+    EXPECT_EQ(exchange.result.usage.cached_tokens, 3);
     const double pause = std::chrono::duration<double>(FakeChatServer::kChunkPause).count();
     EXPECT_LT(exchange.result.first_token_seconds + pause * 0.9, exchange.result.total_seconds);
   }

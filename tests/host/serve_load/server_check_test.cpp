@@ -30,7 +30,8 @@ TEST(OptionsProblem, ARangeUpsideDownIsNamed) {
 }
 
 TEST(OptionsProblem, AUrlThatNamesNoServerIsRefused) {
-  for (const char* url : {"ftp://127.0.0.1:21", "not a url", "", "127.0.0.1:8080", "http://127.0.0.1:8080/v1", "http://:80"}) {
+  for (const char* url :
+       {"ftp://127.0.0.1:21", "not a url", "", "127.0.0.1:8080", "http://127.0.0.1:8080/v1", "http://:80"}) {
     EXPECT_EQ(options_problem(with_url(url)),
               std::string("--url ") + url + " is not a server address like http://127.0.0.1:8080");
   }

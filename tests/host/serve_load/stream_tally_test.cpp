@@ -21,7 +21,8 @@ TEST(StreamTally, AChatStreamEndedByDoneSucceeds) {
   EXPECT_EQ(tally.outcome(), "200");
   EXPECT_EQ(tally.text(), "Hello");
   EXPECT_DOUBLE_EQ(*tally.first_token_seconds(), 0.045);  // not the role-only chunk
-  EXPECT_EQ(tally.completion_tokens(), 2);
+  EXPECT_EQ(tally.usage().completion_tokens, 2);
+  EXPECT_EQ(tally.usage().prompt_tokens, 0);
 }
 
 TEST(StreamTally, CompletionChunksCarryTheirTextInChoices) {
@@ -36,10 +37,14 @@ TEST(StreamTally, CompletionChunksCarryTheirTextInChoices) {
 TEST(StreamTally, TheUsageChunkGivesTheTokenCount) {
   StreamTally tally;
   tally.add_event(chat_chunk("ab"), 0.1);
-  tally.add_event(R"({"choices":[],"usage":{"prompt_tokens":9,"completion_tokens":3,"total_tokens":12}})", 0.2);
+  tally.add_event(R"({"choices":[],"usage":{"prompt_tokens":9,"completion_tokens":3,"total_tokens":12,)"
+                  R"("prompt_tokens_details":{"cached_tokens":4}}})",
+                  0.2);
   tally.add_event(R"({"choices":[],"usage":null})", 0.2);
   tally.add_event("[DONE]", 0.3);
-  EXPECT_EQ(tally.completion_tokens(), 3);
+  EXPECT_EQ(tally.usage().completion_tokens, 3);
+  EXPECT_EQ(tally.usage().prompt_tokens, 9);
+  EXPECT_EQ(tally.usage().cached_tokens, 4);
 }
 
 TEST(StreamTally, AnErrorEventCountsAsAServerError) {
@@ -73,7 +78,7 @@ TEST(StreamTally, OddlyShapedChunksAreToleratedAndCountNothing) {
   }
   tally.add_event("[DONE]", 0.2);
   EXPECT_EQ(tally.outcome(), "200");
-  EXPECT_EQ(tally.completion_tokens(), 0);
+  EXPECT_EQ(tally.usage().completion_tokens, 0);
   EXPECT_FALSE(tally.first_token_seconds().has_value());
 }
 
