@@ -1,4 +1,4 @@
-# The front door: `make demo`, `make test`, `make bench`, `make generate MODEL_DIR=...`.
+# The front door: `make demo`, `make test`, `make bench`, `make load-test`, `make generate MODEL_DIR=...`.
 BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
@@ -113,6 +113,18 @@ demo-ids:
 	test -f $(DEMO_IDS_MODEL)/qmodel.tensors || ./build-release/tools/quorvel-make-model $(DEMO_IDS_MODEL) --arch 4 \
 	  --hidden 512 --intermediate 1536 --layers 6 --heads 4 --kv-heads 2 --head-dim 128 --vocab 4096 --max-pos 1024
 	./build-release/host/quorvel-demo ./build-release/quorvel-inference $(DEMO_IDS_MODEL)
+
+# A load test of quorvel serve: a random model (hidden 512, 8 layers, the Llama 3 vocabulary and
+# tokenizer) served by two slots, 8 clients × 25 requests of mixed chat and completions, streamed
+# or not; then the same while one slot's engine is killed (only 500s may fail). bench/serve_load.sh
+# starts and stops the server and prints both summaries and the server's 500 lines.
+LOAD_MODEL ?= build-release/load-test-model
+.PHONY: load-test
+load-test:
+	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON -DQUORVEL_TESTS=OFF
+	cmake --build build-release -j $(JOBS) --target quorvel-command quorvel-inference quorvel-make-model \
+	  quorvel-serve-load
+	bench/serve_load.sh build-release $(LOAD_MODEL)
 
 # The 64-bit ARM build: cross-compiled with the aarch64 GNU toolchain
 # (g++-aarch64-linux-gnu) and run under qemu-user (qemu-aarch64), once as a
