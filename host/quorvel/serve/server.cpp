@@ -81,12 +81,16 @@ std::vector<std::unique_ptr<Slot>> Server::start_slots() {
   std::vector<std::unique_ptr<Slot>> slots;
   for (std::size_t i = 0; i < options_.parallel; ++i) {
     slots.push_back(std::make_unique<Slot>(static_cast<int>(i), model_.engine_spec()));
-    char ready[96];
-    std::snprintf(ready, sizeof ready, "slot %zu: engine pid %d ready in %.2f s", i,
-                  static_cast<int>(slots.back()->engine_pid()), slots.back()->load_seconds());
-    log_(ready);
+    log_engine_ready(*slots.back());
   }
   return slots;
+}
+
+void Server::log_engine_ready(const Slot& slot) {
+  char ready[96];
+  std::snprintf(ready, sizeof ready, "slot %d: engine pid %d ready in %.2f s", slot.index(),
+                static_cast<int>(slot.engine_pid()), slot.load_seconds());
+  log_(ready);
 }
 
 void Server::route() {
@@ -149,7 +153,7 @@ void Server::complete(const httplib::Request& http_request, httplib::Response& r
     }
     Slot& slot = lease->slot();
     const Generation generation = slot.generate(prompt, sampling, model_.tokenizer(), {request.stop, cli::Engine::Rest::drop, {}});
-    record.figures = figures_of(generation, slot.index(), record.arrived);
+    note(generation, slot);
     response.set_content(json_text(completion_body(identity_for(chat, model_.name()), generation)), "application/json");
   } catch (const ApiError& error) {
     send_error(response, error);
@@ -171,7 +175,7 @@ void Server::stream(SlotPool::Lease& lease, const ApiRequest& request, const std
   try {
     const Generation generation =
         slot.generate(prompt, sampling, model_.tokenizer(), {request.stop, cli::Engine::Rest::drop, on_text});
-    record.figures = figures_of(generation, slot.index(), record.arrived);
+    note(generation, slot);
     send(event(finish_chunk(identity, finish_reason_of(generation))));
     if (request.include_usage) send(event(usage_chunk(identity, generation)));
     send(std::string(kDoneEvent));
@@ -181,6 +185,11 @@ void Server::stream(SlotPool::Lease& lease, const ApiRequest& request, const std
     send(event(error.body()));
   }
   if (!record.disconnected) sink.done();
+}
+
+void Server::note(const Generation& generation, const Slot& slot) {
+  record.figures = figures_of(generation, slot.index(), record.arrived);
+  if (generation.engine_started) log_engine_ready(slot);
 }
 
 void Server::log(const httplib::Request& request, const httplib::Response& response) {

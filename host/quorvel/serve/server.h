@@ -32,7 +32,9 @@ class Server {
   void complete(const httplib::Request& request, httplib::Response& response, bool chat);
   void stream(SlotPool::Lease& lease, const ApiRequest& request, const std::vector<text::TokenId>& prompt,
               const cli::SamplingOptions& sampling, httplib::DataSink& sink);
+  void note(const Generation& generation, const Slot& slot);  // for the request's log line
   void log(const httplib::Request& request, const httplib::Response& response);
+  void log_engine_ready(const Slot& slot);
 
   ServeOptions options_;
   LogSink log_;

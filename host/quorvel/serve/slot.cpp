@@ -15,10 +15,7 @@ std::size_t Generation::completion_tokens() const {
 
 Slot::Slot(int index, const EngineSpec& spec) : index_(index), spec_(spec) { start_engine(); }
 
-void Slot::start_engine() {
-  engine_ = std::make_unique<cli::Engine>(spec_.binary, spec_.model_dir, spec_.config);
-  load_seconds_ = engine_->load_seconds();
-}
+void Slot::start_engine() { engine_ = std::make_unique<cli::Engine>(spec_.binary, spec_.model_dir, spec_.config); }
 
 std::size_t Slot::shared_prefix(std::span<const text::TokenId> prompt) const {
   const auto [in_cache, in_prompt] = std::mismatch(cached_.begin(), cached_.end(), prompt.begin(), prompt.end());
@@ -29,6 +26,7 @@ Generation Slot::generate(const std::vector<text::TokenId>& prompt, const cli::S
                           const text::Tokenizer& tokenizer, const cli::ReplyOptions& options) {
   // At least the last prompt token is sent again: its row gives the first reply token.
   const std::size_t reused = std::min(shared_prefix(prompt), prompt.size() - 1);
+  const pid_t engine_before = engine_pid();
   Generation generation;
   generation.request = {reused, {prompt.begin() + static_cast<std::ptrdiff_t>(reused), prompt.end()}, sampling};
   try {
@@ -41,6 +39,9 @@ Generation Slot::generate(const std::vector<text::TokenId>& prompt, const cli::S
     throw ApiError(500, "slot " + std::to_string(index_) + ": " + problem + "; a new engine starts with the next request",
                    "engine_stopped");
   }
+  // A dead engine is replaced here, and one whose abandoned answer was longer to read than a
+  // restart is replaced inside ask().
+  generation.engine_started = engine_pid() != engine_before;
   const cli::Answer& answer = generation.reply.answer;
   cached_.clear();
   if (answer.complete) {

@@ -24,6 +24,7 @@ struct EngineSpec {
 struct Generation {
   cli::Request request;
   cli::Reply reply;
+  bool engine_started = false;  // a new engine took the place of one that died or was ended
   std::size_t prompt_tokens() const { return request.kv_position + request.tokens.size(); }
   std::size_t completion_tokens() const;  // generated ids, end ids not counted
 };
@@ -36,7 +37,7 @@ class Slot {
   int index() const { return index_; }
   // The engine's process id, or -1 while it has none (it died and the next request starts one).
   pid_t engine_pid() const { return engine_ ? engine_->pid() : -1; }
-  double load_seconds() const { return load_seconds_; }
+  double load_seconds() const { return engine_ ? engine_->load_seconds() : 0; }
 
   // How many leading ids of `prompt` the cache already holds.
   std::size_t shared_prefix(std::span<const text::TokenId> prompt) const;
@@ -52,7 +53,6 @@ class Slot {
   int index_;
   const EngineSpec& spec_;
   std::unique_ptr<cli::Engine> engine_;
-  double load_seconds_ = 0;
   std::vector<text::TokenId> cached_;  // what the engine's cache holds, from position 0
 };
 

@@ -64,8 +64,8 @@ class RunningServer {
   }
   Server& server() { return *server_; }
 
-  // The first log line that starts with `start`, once it has been written (the line of a request
-  // follows its response).
+  // The log line that starts with `start`, `skip` such lines after the first, once it has been
+  // written (the line of a request follows its response); empty when none comes within 20 s.
   std::string line_starting(const std::string& start, std::size_t skip = 0) {
     std::unique_lock lock(mutex_);
     std::string found;
@@ -76,7 +76,7 @@ class RunningServer {
       }
       return !found.empty();
     });
-    return written ? found : "(no line starting with '" + start + "')";
+    return written ? found : "";
   }
 
  private:
@@ -382,7 +382,9 @@ TEST_F(Serve, AKilledEngineFailsItsOwnRequestsWith500AndItsSlotStartsAnother) {
   const json restarted = post(client, "/v1/chat/completions", request);
   EXPECT_EQ(restarted["choices"][0]["message"]["content"], before["choices"][0]["message"]["content"]);
   EXPECT_EQ(restarted["usage"]["prompt_tokens_details"]["cached_tokens"], 0);
-  EXPECT_GT(running.server().slots().slot(0).engine_pid(), 0);
+  const pid_t new_engine = running.server().slots().slot(0).engine_pid();
+  ASSERT_GT(new_engine, 0);
+  EXPECT_NE(running.line_starting("slot 0: engine pid " + std::to_string(new_engine) + " ready"), "");
 }
 
 TEST_F(Serve, RequestsWaitForASlotInTurnAndBeyondTheQueueAreTurnedAway) {
