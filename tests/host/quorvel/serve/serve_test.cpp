@@ -18,7 +18,7 @@
 #include "host/engine_process.h"
 #include "host/quorvel/serve/server.h"
 #include "host/text/chat_format.h"
-#include "tools/lib/tool_commands.h"
+#include "support/small_llama3_model.h"
 
 namespace quorvel::serve {
 namespace {
@@ -101,15 +101,7 @@ class Serve : public ::testing::Test {
   static void SetUpTestSuite() {
     std::string pattern = (fs::temp_directory_path() / "quorvel-serve-XXXXXX").string();
     dir_ = new fs::path(mkdtemp(pattern.data()));
-    std::ostringstream err;
-    const std::string model = model_dir().string();
-    const std::vector<std::string_view> args{model, "--arch", "1", "--hidden", "128", "--intermediate", "256",
-                                             "--layers", "2", "--heads", "4", "--kv-heads", "4", "--head-dim", "32",
-                                             "--vocab", "128256", "--max-pos", "512", "--tied", "--eos", "128001",
-                                             "--seed", "11"};
-    ASSERT_EQ(tools::run_make_model(args, err), 0) << err.str();
-    const fs::path fixture = fs::path(QUORVEL_LLAMA3_TOKENIZER).parent_path();
-    for (const char* name : {"tokenizer.json", "tokenizer_config.json"}) fs::copy_file(fixture / name, model_dir() / name);
+    ASSERT_EQ(testing::make_small_llama3_model(model_dir(), fs::path(QUORVEL_LLAMA3_TOKENIZER).parent_path()), "");
   }
   static void TearDownTestSuite() {
     fs::remove_all(*dir_);
