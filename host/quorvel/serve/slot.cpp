@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "host/quorvel/command_error.h"
 #include "host/quorvel/serve/api_error.h"
 
 namespace quorvel::serve {
@@ -32,10 +31,12 @@ Generation Slot::generate(const std::vector<text::TokenId>& prompt, const cli::S
   try {
     if (!engine_) start_engine();
     generation.reply = cli::stream_reply(*engine_, generation.request, tokenizer, options);
-  } catch (const cli::CommandError& error) {
+  } catch (const std::exception& error) {
+    // The engine ended, printed something else than numbers, or could not be started.
     engine_.reset();
     cached_.clear();
-    const std::string problem = std::string(error.what()).substr(std::string_view("Error: ").size());
+    std::string problem = error.what();
+    if (problem.starts_with("Error: ")) problem.erase(0, std::string_view("Error: ").size());
     throw ApiError(500, "slot " + std::to_string(index_) + ": " + problem + "; a new engine starts with the next request",
                    "engine_stopped");
   }

@@ -42,8 +42,8 @@ class Slot {
   // How many leading ids of `prompt` the cache already holds.
   std::size_t shared_prefix(std::span<const text::TokenId> prompt) const;
 
-  // Generates a reply to `prompt` (at least one id). When the engine dies, the cache is forgotten,
-  // the next request starts a new engine, and this throws ApiError 500.
+  // Generates a reply to `prompt` (at least one id). When the engine dies or cannot be started, the
+  // cache is forgotten, the next request starts a new engine, and this throws ApiError 500.
   Generation generate(const std::vector<text::TokenId>& prompt, const cli::SamplingOptions& sampling,
                       const text::Tokenizer& tokenizer, const cli::ReplyOptions& options);
 
