@@ -25,9 +25,10 @@ SANITIZER_FLAGS := -DQUORVEL_WERROR=OFF
 test-sanitize:
 	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DQUORVEL_SANITIZE=address,undefined $(SANITIZER_FLAGS)"
 
-# The thread pool and the suites that dispatch through it, under ThreadSanitizer.
+# The thread pool and the suites that dispatch through it, and quorvel serve's slots and requests,
+# under ThreadSanitizer.
 TSAN_TESTS ?= thread_pool_test sampler_test auto_linear_test kv_cache_linear_test transpose_copy_test \
-	norm_test rotary_embedding_test embedding_test
+	norm_test rotary_embedding_test embedding_test serve_test
 test-tsan:
 	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEL_SANITIZE=thread $(SANITIZER_FLAGS)
 	cmake --build build-tsan -j $(JOBS) --target $(TSAN_TESTS)
