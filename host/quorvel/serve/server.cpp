@@ -99,6 +99,9 @@ void Server::route() {
   http_.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
   http_.set_payload_max_length(options_.max_body_bytes);
   http_.set_keep_alive_max_count(1000);
+  // A stream writes one small chunk per piece of text: each must leave at once, not wait for the
+  // client's acknowledgement of the one before.
+  http_.set_tcp_nodelay(true);
   http_.set_pre_routing_handler([this](const auto& request, auto& response) { return authorise(request, response); });
   http_.set_error_handler(httplib::Server::HandlerWithResponse([this](const auto& request, auto& response) {
     if (!response.body.empty()) return HandlerResponse::Unhandled;
