@@ -5,6 +5,7 @@
 #include <atomic>
 #include <csignal>
 #include <iostream>
+#include <string>
 #include <thread>
 
 #include "host/quorvel/serve/server.h"
@@ -21,6 +22,10 @@ sigset_t stop_signals() {
   return signals;
 }
 
+bool is_loopback(const std::string& host) {
+  return host == "localhost" || host == "::1" || host.starts_with("127.");
+}
+
 }  // namespace
 
 int serve_command(const ServeOptions& options) {
@@ -29,6 +34,12 @@ int serve_command(const ServeOptions& options) {
   Server server(options, standard_error_log());
   const int port = server.bind();
   std::cerr << "quorvel serve: listening on http://" << options.host << ":" << port << std::endl;
+  if (!is_loopback(options.host) && options.api_key.empty()) {
+    std::cerr << "quorvel serve: warning: " << options.host
+              << " is reachable from other machines and no --api-key is set: anyone who reaches the port can use "
+                 "the model"
+              << std::endl;
+  }
   std::atomic<bool> signalled{false};
   std::thread stopper([&] {
     int signal = 0;
