@@ -52,7 +52,7 @@ void print_header(const char* kernel_set, const MachineLimits& m) {
   std::printf("prefill: a %llu-token prompt; multiply-adds per token = layers x (q, k, v, o, gate, up, down weights of a "
               "layer) + vocab x hidden / %llu (only the last token is unembedded)\n",
               static_cast<unsigned long long>(kPrefillTokens), static_cast<unsigned long long>(kPrefillTokens));
-  std::printf("decode at depth D: %llu greedy tokens after a %llu-token prompt sent at kv_position=D; bytes per token = "
+  std::printf("decode at depth D: %llu greedy tokens after a prompt of %llu tokens sent at kv_position=D; bytes per token = "
               "weight bytes + layers x 2 x kv_heads x head_dim x positions x 2 (bf16 key/value caches), positions = "
               "the mean attended, D + %.1f\n\n",
               static_cast<unsigned long long>(kDecodeTokens), static_cast<unsigned long long>(kDecodePrompt),

@@ -39,7 +39,8 @@ BenchSession::Answer BenchSession::ask(std::uint64_t depth, std::uint64_t prompt
   TimedAnswer timed = ask_lines(session_, request, tokens + 2);
   if (timed.lines.size() != tokens + 2) throw std::runtime_error("the engine stopped early");
   const std::uint64_t filled = std::stoull(timed.lines.back());
-  if (filled != depth + prompt + tokens) throw std::runtime_error("the engine ended the answer early");
+  // The end-of-sequence id enters the cache after the tokens.
+  if (filled != depth + prompt + tokens + 1) throw std::runtime_error("the engine ended the answer early");
   filled_ = std::max(filled_, filled);
   return {std::move(timed), filled};
 }
