@@ -42,19 +42,24 @@ MachineLimits measure_machine(const char* kernel_set) {
           {measure_int8_peak(kernel_set, 1), measure_int8_peak(kernel_set, 2)}};
 }
 
-void print_header(const char* kernel_set, const MachineLimits& m) {
+void print_limits(const char* kernel_set, const MachineLimits& m) {
   std::printf("processor: %s\n", processor_name().c_str());
   std::printf("kernel set: %s (the engine's choice for this processor)\n", kernel_set);
   std::printf("memory read bandwidth, %s loads: %.1f GB/s (1 thread), %.1f GB/s (2 threads)\n",
               m.bandwidth[0].loads, m.bandwidth[0].gb_per_s, m.bandwidth[1].gb_per_s);
   std::printf("int8 multiply-add peak, %s: %.0f G/s (1 thread), %.0f G/s (2 threads)\n\n", m.peak[0].instruction,
               m.peak[0].g_multiply_adds_per_second, m.peak[1].g_multiply_adds_per_second);
-  std::printf("prefill: a %llu-token prompt; multiply-adds per token = layers x (q, k, v, o, gate, up, down weights of a "
-              "layer) + vocab x hidden / %llu (only the last token is unembedded)\n",
-              static_cast<unsigned long long>(kPrefillTokens), static_cast<unsigned long long>(kPrefillTokens));
-  std::printf("decode at depth D: %llu greedy tokens after a prompt of %llu tokens sent at kv_position=D; bytes per token = "
-              "weight bytes + layers x 2 x kv_heads x head_dim x positions x 2 (bf16 key/value caches), positions = "
-              "the mean attended, D + %.1f\n\n",
+}
+
+// The formulas of roofline.h, as the table's header states them.
+void print_table_header() {
+  const auto prefill = static_cast<unsigned long long>(kPrefillTokens);
+  std::printf("prefill: a %llu-token prompt; multiply-adds per token = layers x (q, k, v, o, gate, up, down "
+              "weights of a layer) + vocab x hidden / %llu (only the last token is unembedded)\n",
+              prefill, prefill);
+  std::printf("decode at depth D: %llu greedy tokens after a prompt of %llu tokens sent at kv_position=D; "
+              "bytes per token = weight bytes + layers x 2 x kv_heads x head_dim x positions x 2 (bf16 key/value "
+              "caches), positions = the mean attended, D + %.1f\n\n",
               static_cast<unsigned long long>(kDecodeTokens), static_cast<unsigned long long>(kDecodePrompt),
               mean_decode_positions(0, kDecodePrompt, kDecodeTokens));
   std::printf("| model | threads | weight MB/token | prefill tok/s | %% of int8 peak | decode tok/s (%% of bandwidth) "
@@ -97,7 +102,8 @@ int main(int argc, char** argv) {
   }
   const char* kernel_set = quorvel::kernels::preferred_kernel_set().name;
   const MachineLimits limits = measure_machine(kernel_set);
-  print_header(kernel_set, limits);
+  print_limits(kernel_set, limits);
+  print_table_header();
   for (const BenchShape& shape : bench_shapes()) {
     const fs::path model = cached_model(argv[2], shape);
     for (unsigned threads : {1u, 2u}) print_row(argv[1], shape, model, threads, limits);
