@@ -1,7 +1,9 @@
 #include "host/bench_session.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
+#include <utility>
 
 #include "host/bench_models.h"
 
