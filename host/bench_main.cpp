@@ -1,6 +1,7 @@
 // quorvel-bench: end-to-end prefill and decode speed of the engine on three
-// generated models of real shapes, with 1 and 2 threads, put against the
-// memory bandwidth measured in the same run.
+// generated models of real shapes, with 1 and 2 threads, put against this
+// machine's limits measured in the same run: the int8 multiply-add peak of
+// the kernel set the engine selects, and the memory read bandwidth.
 //
 //   quorvel-bench <engine binary> <model cache directory>
 //
@@ -8,107 +9,88 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <random>
-#include <sstream>
 #include <string>
-#include <vector>
 
-#include "engine/init_config_parser.h"
-#include "host/engine_process.h"
+#include "host/bench_models.h"
+#include "host/bench_session.h"
+#include "host/int8_peak.h"
 #include "host/memory_bandwidth.h"
-#include "tools/lib/tool_commands.h"
+#include "host/processor_name.h"
+#include "host/roofline.h"
+#include "runtime/kernel_sets.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using namespace quorvel::host;
 using quorvel::InitConfig;
 
-constexpr std::size_t kPromptTokens = 128;
-constexpr std::size_t kDecodeTokens = 64;
+constexpr std::uint64_t kPrefillTokens = 128;
+constexpr std::uint64_t kDecodePrompt = 8;
+constexpr std::uint64_t kDecodeTokens = 32;
+constexpr std::uint64_t kDepths[] = {0, 1024, 4096};
 
-struct Shape {
-  const char* name;
-  std::vector<std::string> options;  // quorvel-make-model options
+struct MachineLimits {
+  ReadBandwidth bandwidth[2];  // 1 and 2 threads
+  Int8Peak peak[2];
 };
 
-const std::vector<Shape> kShapes = {
-    {"BitNet-2B (ternary)",
-     {"--arch", "1", "--hidden", "2560", "--intermediate", "6912", "--layers", "30", "--heads", "20", "--kv-heads",
-      "5", "--head-dim", "128", "--vocab", "128256", "--activation", "0", "--tied", "--max-pos", "256"}},
-    {"Bonsai-1.7B (q1_0_128)",
-     {"--arch", "4", "--hidden", "2048", "--intermediate", "6144", "--layers", "28", "--heads", "16", "--kv-heads",
-      "8", "--head-dim", "128", "--vocab", "151936", "--max-pos", "256"}},
-    {"Qwen3-0.6B (q8_0)",
-     {"--arch", "6", "--hidden", "1024", "--intermediate", "3072", "--layers", "28", "--heads", "16", "--kv-heads",
-      "8", "--head-dim", "128", "--vocab", "151936", "--tied", "--max-pos", "256"}},
-};
-
-std::string read_text(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+MachineLimits measure_machine(const char* kernel_set) {
+  std::cerr << "measuring read bandwidth and the int8 peak..." << std::endl;
+  return {{measure_read_bandwidth(1), measure_read_bandwidth(2)},
+          {measure_int8_peak(kernel_set, 1), measure_int8_peak(kernel_set, 2)}};
 }
 
-fs::path cached_model(const fs::path& cache, const Shape& shape) {
-  fs::path dir = cache / shape.options[1];
-  dir += "-" + shape.options[3];
-  if (fs::exists(dir / "init.txt")) return dir;
-  std::cerr << "writing " << shape.name << " to " << dir << "..." << std::endl;
-  std::vector<std::string_view> args{dir.native()};
-  for (const auto& o : shape.options) args.push_back(o);
-  if (quorvel::tools::run_make_model(args, std::cerr) != 0) throw std::runtime_error("cannot write the model");
-  return dir;
+void print_limits(const char* kernel_set, const MachineLimits& m) {
+  std::printf("processor: %s\n", processor_name().c_str());
+  std::printf("kernel set: %s (the engine's choice for this processor)\n", kernel_set);
+  std::printf("memory read bandwidth, %s loads: %.1f GB/s (1 thread), %.1f GB/s (2 threads)\n",
+              m.bandwidth[0].loads, m.bandwidth[0].gb_per_s, m.bandwidth[1].gb_per_s);
+  std::printf("int8 multiply-add peak, %s: %.0f G/s (1 thread), %.0f G/s (2 threads)\n\n", m.peak[0].instruction,
+              m.peak[0].g_multiply_adds_per_second, m.peak[1].g_multiply_adds_per_second);
 }
 
-// The weight bytes one decoded token streams: every projection of every
-// layer plus the unembedding table.
-double weight_bytes_per_token(const InitConfig& c) {
-  const double d = static_cast<double>(c.hidden_dim), I = static_cast<double>(c.intermediate_dim);
-  const double q = static_cast<double>(c.head_dim * c.num_heads), kv = static_cast<double>(c.head_dim * c.num_kv_heads);
-  const double weights = d * (2 * kv + q) + q * d + 3 * d * I;
-  double per_weight = 0.25;                                  // ternary
-  if (c.arch_type == 4) per_weight = 18.0 / 128.0;           // q1_0_128
-  if (c.arch_type == 5) per_weight = 34.0 / 128.0;           // q1.58
-  if (c.arch_type == 6) per_weight = 36.0 / 32.0;            // q8_0
-  const double vocab = static_cast<double>((c.vocab_size + 31) / 32 * 32);
-  const double unembed = c.arch_type == 4 ? vocab * d * 18.0 / 128.0 : vocab * (d + 4.0);  // q1 head or int8
-  return weights * per_weight * static_cast<double>(c.num_layers) + unembed;
+// The formulas of roofline.h, as the table's header states them.
+void print_table_header() {
+  const auto prefill = static_cast<unsigned long long>(kPrefillTokens);
+  std::printf("prefill: a %llu-token prompt; multiply-adds per token = layers x (q, k, v, o, gate, up, down "
+              "weights of a layer) + vocab x hidden / %llu (only the last token is unembedded)\n",
+              prefill, prefill);
+  std::printf("decode at depth D: %llu greedy tokens after a prompt of %llu tokens sent at kv_position=D; "
+              "bytes per token = weight bytes + layers x 2 x kv_heads x head_dim x positions x 2 (bf16 key/value "
+              "caches), positions = the mean attended, D + %.1f\n\n",
+              static_cast<unsigned long long>(kDecodeTokens), static_cast<unsigned long long>(kDecodePrompt),
+              mean_decode_positions(0, kDecodePrompt, kDecodeTokens));
+  std::printf("| model | threads | weight MB/token | prefill tok/s | %% of int8 peak | decode tok/s (%% of bandwidth) "
+              "at depth 0 | at 1024 | at 4096 |\n|---|---|---|---|---|---|---|---|\n");
 }
 
-struct Speeds {
-  double prefill;
-  double decode;
-};
-
-Speeds run(const std::string& engine, const fs::path& model, unsigned threads) {
-  std::string init = read_text(model / "init.txt");
-  std::istringstream init_stream(init);
-  const InitConfig config = quorvel::read_init_config(init_stream);
-  // No end-of-sequence id, so every run decodes exactly kDecodeTokens tokens.
-  init = std::to_string(std::stoi(init) + 2) + init.substr(init.find('\n')) + "eos_tokens=\nnum_threads=" +
-         std::to_string(threads) + "\n";
-
-  std::mt19937_64 random(11);
-  std::string tokens;
-  for (std::size_t i = 0; i < kPromptTokens; ++i) {
-    if (i) tokens += ',';
-    tokens += std::to_string(random() % config.vocab_size);
+// One table row: a fresh engine with `threads` threads. The depth runs need
+// every position below 4096 written once (the engine refuses a kv_position
+// past the filled positions); after that, a request at kv_position=D
+// computes attention over the D positions below it whatever they hold, so
+// its decode runs at the speed of depth D without a prompt of D tokens.
+void print_row(const std::string& engine, const BenchShape& shape, const fs::path& model, unsigned threads,
+               const MachineLimits& m) {
+  const auto start = std::chrono::steady_clock::now();
+  const InitConfig config = read_model_config(model);
+  BenchSession session(engine, model, threads);
+  const double prefill = session.prefill_tokens_per_second(kPrefillTokens);
+  const double prefill_g = prefill * prefill_multiply_adds_per_token(config, kPrefillTokens) / 1e9;
+  std::printf("| %s | %u | %.0f | %.1f | %.0f %% |", shape.name, threads, weight_bytes_per_token(config) / 1e6,
+              prefill, 100.0 * prefill_g / m.peak[threads - 1].g_multiply_adds_per_second);
+  session.fill_cache(kDepths[2]);
+  for (std::uint64_t depth : kDepths) {
+    const double decode = session.decode_tokens_per_second(depth, kDecodePrompt, kDecodeTokens);
+    const double positions = mean_decode_positions(depth, kDecodePrompt, kDecodeTokens);
+    const double bytes = weight_bytes_per_token(config) + kv_cache_bytes_per_token(config, positions);
+    std::printf(" %.1f (%.0f %%) |", decode, 100.0 * bytes * decode / 1e9 / m.bandwidth[threads - 1].gb_per_s);
   }
-  const std::string request = "3\ntokens=" + tokens + "\nmax_tokens=" + std::to_string(kDecodeTokens + 1) +
-                              "\ntemperature=0\n";
-
-  quorvel::host::EngineSession session({engine, model.string()});
-  session.send(init);
-  quorvel::host::wait_until_loaded(session);
-  const auto answer = quorvel::host::ask_lines(session, request, kDecodeTokens + 3);
-  session.finish();
-  if (answer.lines.size() != kDecodeTokens + 3) throw std::runtime_error("the engine stopped early");
-  auto seconds = [](auto d) { return std::chrono::duration<double>(d).count(); };
-  return {static_cast<double>(kPromptTokens) / seconds(answer.arrivals.front() - answer.sent),
-          static_cast<double>(kDecodeTokens) / seconds(answer.arrivals[kDecodeTokens] - answer.arrivals.front())};
+  std::printf("\n");
+  std::fflush(stdout);
+  std::cerr << shape.name << ", " << threads << " thread(s): "
+            << std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() << " s" << std::endl;
 }
 
 }  // namespace
@@ -118,21 +100,13 @@ int main(int argc, char** argv) {
     std::cerr << "Usage: " << argv[0] << " <engine binary> <model cache directory>" << std::endl;
     return 1;
   }
-  const double bandwidth[2] = {quorvel::host::measure_read_bandwidth(1), quorvel::host::measure_read_bandwidth(2)};
-  std::printf("memory read bandwidth: %.1f GB/s (1 thread), %.1f GB/s (2 threads)\n\n", bandwidth[0], bandwidth[1]);
-  std::printf("| model | threads | prefill tok/s | decode tok/s | weight MB/token | GB/s | %% of bandwidth |\n");
-  std::printf("|---|---|---|---|---|---|---|\n");
-  for (const Shape& shape : kShapes) {
+  const char* kernel_set = quorvel::kernels::preferred_kernel_set().name;
+  const MachineLimits limits = measure_machine(kernel_set);
+  print_limits(kernel_set, limits);
+  print_table_header();
+  for (const BenchShape& shape : bench_shapes()) {
     const fs::path model = cached_model(argv[2], shape);
-    std::istringstream init(read_text(model / "init.txt"));
-    const double bytes = weight_bytes_per_token(quorvel::read_init_config(init));
-    for (unsigned threads : {1u, 2u}) {
-      const Speeds s = run(argv[1], model, threads);
-      const double gbps = bytes * s.decode / 1e9;
-      std::printf("| %s | %u | %.1f | %.1f | %.0f | %.1f | %.0f %% |\n", shape.name, threads, s.prefill, s.decode,
-                  bytes / 1e6, gbps, 100.0 * gbps / bandwidth[threads - 1]);
-      std::fflush(stdout);
-    }
+    for (unsigned threads : {1u, 2u}) print_row(argv[1], shape, model, threads, limits);
   }
   return 0;
 }

@@ -1,51 +1,37 @@
 #include "host/memory_bandwidth.h"
 
-#include <algorithm>
-#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <thread>
+#include <new>
 #include <vector>
+
+#include "host/memory_read_loops.h"
+#include "host/parallel_timing.h"
 
 namespace quorvel::host {
 namespace {
 
-// Four independent sums so that the loop is bound by loads, not by one
-// addition chain; the result is returned so the reads cannot be dropped.
-std::uint64_t sum_words(const std::uint64_t* words, std::uint64_t count) {
-  std::uint64_t s0 = 0, s1 = 0, s2 = 0, s3 = 0;
-  for (std::uint64_t i = 0; i + 4 <= count; i += 4) {
-    s0 += words[i];
-    s1 += words[i + 1];
-    s2 += words[i + 2];
-    s3 += words[i + 3];
-  }
-  return s0 ^ s1 ^ s2 ^ s3;
-}
+struct FreeDeleter {
+  void operator()(std::byte* p) const { std::free(p); }
+};
 
 }  // namespace
 
-double measure_read_bandwidth(unsigned threads, std::uint64_t bytes) {
-  const std::uint64_t words = bytes / sizeof(std::uint64_t);
-  std::unique_ptr<std::uint64_t[]> buffer(new std::uint64_t[words]);
-  std::memset(buffer.get(), 1, words * sizeof(std::uint64_t));  // fault every page in first
+ReadBandwidth measure_read_bandwidth(unsigned threads, std::uint64_t bytes) {
+  const MemoryReadLoop loop = widest_read_loop();
+  const std::uint64_t share = bytes / threads / kReadStep * kReadStep;
+  std::unique_ptr<std::byte, FreeDeleter> buffer(static_cast<std::byte*>(std::aligned_alloc(64, share * threads)));
+  if (!buffer) throw std::bad_alloc();
+  std::memset(buffer.get(), 1, share * threads);  // fault every page in first
 
-  double best = 0.0;
-  std::vector<std::uint64_t> sinks(threads);
-  for (int run = 0; run < 5; ++run) {
-    const auto start = std::chrono::steady_clock::now();
-    std::vector<std::thread> workers;
-    const std::uint64_t share = words / threads;
-    for (unsigned t = 0; t < threads; ++t) {
-      workers.emplace_back([&, t] { sinks[t] = sum_words(buffer.get() + t * share, share); });
-    }
-    for (auto& w : workers) w.join();
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    best = std::max(best, static_cast<double>(share * threads * sizeof(std::uint64_t)) / seconds / 1e9);
-  }
+  std::vector<std::uint64_t> sums(threads);
+  const double seconds = shortest_parallel_run(threads, 7, [&](unsigned t) {
+    sums[t] = loop.read(buffer.get() + t * share, share);
+  });
   volatile std::uint64_t keep = 0;
-  for (auto s : sinks) keep = keep + s;
-  return best;
+  for (auto s : sums) keep = keep + s;
+  return {loop.loads, static_cast<double>(share * threads) / seconds / 1e9};
 }
 
 }  // namespace quorvel::host
