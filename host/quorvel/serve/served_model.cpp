@@ -25,7 +25,7 @@ ServedModel::ServedModel(const ServeOptions& options) : model_(options.model_dir
   }
   defaults_.complete_from(model_.path() / "generation_config.json");
   const text::ChatFormat engine_format = chat_format_.value_or(text::ChatFormat(text::ChatFamily::COMPLETION));
-  engine_spec_ = {cli::engine_binary(options.engine), model_.path(),
+  engine_launch_ = {cli::engine_binary(options.engine), model_.path(),
                   cli::engine_config(model_, engine_format, options.threads)};
   const std::uint64_t model_context = model_.config().max_position_embeddings;
   if (options.context > model_context) {

@@ -20,7 +20,7 @@ class ServedModel {
 
   const std::string& name() const { return name_; }
   const text::Tokenizer& tokenizer() const { return model_.tokenizer(); }
-  const EngineSpec& engine_spec() const { return engine_spec_; }
+  const EngineLaunch& engine_launch() const { return engine_launch_; }
   std::uint64_t context() const { return context_; }
   // Why chat completions are refused, when the model has no chat format; empty otherwise.
   const std::string& no_chat_reason() const { return no_chat_reason_; }
@@ -39,7 +39,7 @@ class ServedModel {
   std::optional<text::ChatFormat> chat_format_;
   std::string no_chat_reason_;
   cli::SamplingOptions defaults_;
-  EngineSpec engine_spec_;
+  EngineLaunch engine_launch_;
   std::uint64_t context_;
 };
 

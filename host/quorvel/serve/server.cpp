@@ -66,7 +66,7 @@ Server::Server(const ServeOptions& options, LogSink log)
 }
 
 std::vector<std::unique_ptr<Slot>> Server::start_slots() {
-  const InitConfig& config = model_.engine_spec().config;
+  const InitConfig& config = model_.engine_launch().config;
   const ModelMemory memory = estimate_model_memory(config, config.num_threads);
   const std::uint64_t physical = physical_memory_bytes();
   log_("quorvel serve: model " + model_.name() + ", context " + std::to_string(model_.context()) + ", " +
@@ -80,7 +80,7 @@ std::vector<std::unique_ptr<Slot>> Server::start_slots() {
   }
   std::vector<std::unique_ptr<Slot>> slots;
   for (std::size_t i = 0; i < options_.parallel; ++i) {
-    slots.push_back(std::make_unique<Slot>(static_cast<int>(i), model_.engine_spec()));
+    slots.push_back(std::make_unique<Slot>(static_cast<int>(i), model_.engine_launch()));
     log_engine_ready(*slots.back());
   }
   return slots;

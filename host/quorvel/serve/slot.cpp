@@ -12,9 +12,9 @@ std::size_t Generation::completion_tokens() const {
   return ended ? ids.size() - 1 : ids.size();
 }
 
-Slot::Slot(int index, const EngineSpec& spec) : index_(index), spec_(spec) { start_engine(); }
+Slot::Slot(int index, const EngineLaunch& launch) : index_(index), launch_(launch) { start_engine(); }
 
-void Slot::start_engine() { engine_ = std::make_unique<cli::Engine>(spec_.binary, spec_.model_dir, spec_.config); }
+void Slot::start_engine() { engine_ = std::make_unique<cli::Engine>(launch_.binary, launch_.model_dir, launch_.config); }
 
 std::size_t Slot::shared_prefix(std::span<const text::TokenId> prompt) const {
   const auto [in_cache, in_prompt] = std::mismatch(cached_.begin(), cached_.end(), prompt.begin(), prompt.end());

@@ -14,7 +14,7 @@
 namespace quorvel::serve {
 
 // How every slot's engine is started.
-struct EngineSpec {
+struct EngineLaunch {
   std::filesystem::path binary;
   std::filesystem::path model_dir;
   InitConfig config;
@@ -32,7 +32,7 @@ struct Generation {
 class Slot {
  public:
   // Starts the engine; throws CommandError when it cannot.
-  Slot(int index, const EngineSpec& spec);
+  Slot(int index, const EngineLaunch& launch);
 
   int index() const { return index_; }
   // The engine's process id, or -1 while it has none (it died and the next request starts one).
@@ -51,7 +51,7 @@ class Slot {
   void start_engine();
 
   int index_;
-  const EngineSpec& spec_;
+  const EngineLaunch& launch_;
   std::unique_ptr<cli::Engine> engine_;
   std::vector<text::TokenId> cached_;  // what the engine's cache holds, from position 0
 };
