@@ -9,7 +9,6 @@ namespace {
 
 double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
-
 ReplyEnd how_it_ended(const Engine& engine, const Request& request, const Answer& answer) {
   const std::uint64_t limit = request.sampling.max_tokens;
   if (limit != 0 && answer.ids.size() > limit) return ReplyEnd::length;
