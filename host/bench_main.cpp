@@ -1,7 +1,8 @@
 // quorvel-bench: end-to-end prefill and decode speed of the engine on three
 // generated models of real shapes, with 1 and 2 threads, put against this
 // machine's limits measured in the same run: the int8 multiply-add peak of
-// the kernel set the engine selects, and the memory read bandwidth.
+// the kernel set the engine selects, and the memory read bandwidth; then
+// decode beside another program that keeps one CPU busy.
 //
 //   quorvel-bench <engine binary> <model cache directory>
 //
@@ -11,9 +12,11 @@
 #include <filesystem>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "host/bench_models.h"
 #include "host/bench_session.h"
+#include "host/busy_competitor.h"
 #include "host/int8_peak.h"
 #include "host/memory_bandwidth.h"
 #include "host/processor_name.h"
@@ -30,6 +33,7 @@ constexpr std::uint64_t kPrefillTokens = 128;
 constexpr std::uint64_t kDecodePrompt = 8;
 constexpr std::uint64_t kDecodeTokens = 32;
 constexpr std::uint64_t kDepths[] = {0, 1024, 4096};
+constexpr std::uint64_t kCompetitorDecodeTokens = 64;
 
 struct MachineLimits {
   ReadBandwidth bandwidth[2];  // 1 and 2 threads
@@ -93,6 +97,25 @@ void print_row(const std::string& engine, const BenchShape& shape, const fs::pat
             << std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() << " s" << std::endl;
 }
 
+// Decode at depth 0 with 1 and 2 threads while another program keeps one CPU
+// busy: a worker that is off its core must not make two threads slower than
+// one.
+void print_competitor_rows(const std::string& engine, const std::vector<fs::path>& models) {
+  const BusyCompetitor competitor;
+  std::printf("\ndecode beside a busy competitor (a thread spinning on CPU %d), depth 0, %llu tokens:\n\n",
+              competitor.cpu(), static_cast<unsigned long long>(kCompetitorDecodeTokens));
+  std::printf("| model | 1 thread tok/s | 2 threads tok/s | 2 threads / 1 |\n|---|---|---|---|\n");
+  for (std::size_t i = 0; i < models.size(); ++i) {
+    double decode[2];
+    for (unsigned threads : {1u, 2u}) {
+      BenchSession session(engine, models[i], threads);
+      decode[threads - 1] = session.decode_tokens_per_second(0, kDecodePrompt, kCompetitorDecodeTokens);
+    }
+    std::printf("| %s | %.1f | %.1f | %.2f |\n", bench_shapes()[i].name, decode[0], decode[1], decode[1] / decode[0]);
+    std::fflush(stdout);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -104,9 +127,11 @@ int main(int argc, char** argv) {
   const MachineLimits limits = measure_machine(kernel_set);
   print_limits(kernel_set, limits);
   print_table_header();
+  std::vector<fs::path> models;
   for (const BenchShape& shape : bench_shapes()) {
-    const fs::path model = cached_model(argv[2], shape);
-    for (unsigned threads : {1u, 2u}) print_row(argv[1], shape, model, threads, limits);
+    models.push_back(cached_model(argv[2], shape));
+    for (unsigned threads : {1u, 2u}) print_row(argv[1], shape, models.back(), threads, limits);
   }
+  print_competitor_rows(argv[1], models);
   return 0;
 }

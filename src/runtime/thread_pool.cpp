@@ -31,6 +31,7 @@ constinit std::atomic<bool> g_thread_count_frozen{false};
 
 thread_local std::uint64_t t_depth = 0;
 thread_local std::uint64_t t_worker_index = 0;
+thread_local std::uint64_t t_share = 0;
 
 // Tells the core that this is a busy-wait loop, so that it yields pipeline
 // resources to its sibling hyper-thread and saves power.
@@ -82,6 +83,8 @@ std::uint64_t current_depth() { return t_depth; }
 
 std::uint64_t worker_index() { return t_worker_index; }
 
+std::uint64_t current_share() { return t_share; }
+
 ThreadPool& ThreadPool::instance() {
   static ThreadPool pool(freeze_thread_count());
   [[maybe_unused]] static const int registered = std::atexit([] { instance().shutdown(); });
@@ -117,7 +120,7 @@ void ThreadPool::run(JobFn fn, void* ctx, std::uint64_t n, std::uint64_t chunk) 
   ++t_depth;
   run_share(0);
   --t_depth;
-  wait_for_workers(generation);
+  finish_shares(generation);
 }
 
 void ThreadPool::shutdown() {
@@ -157,10 +160,36 @@ void ThreadPool::wake_sleepers() {
   wake_.notify_all();
 }
 
-void ThreadPool::wait_for_workers(std::uint64_t generation) const {
+// Every generation claims each share exactly once (the dispatcher claims
+// what no worker did before it returns), so share i of `generation` is
+// unclaimed exactly while its slot still holds the generation before.
+bool ThreadPool::claim(std::uint64_t share, std::uint64_t generation) {
+  std::uint64_t previous = generation - 1;
+  return shares_[share].claimed.compare_exchange_strong(previous, generation, std::memory_order_acq_rel);
+}
+
+// The caller holds the claim, so the job fields stay those of `generation`
+// until the done store below lets the dispatcher move on.
+void ThreadPool::run_claimed_share(std::uint64_t share, std::uint64_t generation) {
+  ++t_depth;
+  run_share(share);
+  --t_depth;
+  shares_[share].done.store(generation, std::memory_order_release);
+}
+
+// Shares in order: one that no worker has claimed yet runs here, on the
+// dispatching thread (index 0, so with its scratch); for one that a worker
+// runs, wait until it is done.
+void ThreadPool::finish_shares(std::uint64_t generation) {
   for (std::uint64_t i = 1; i < threads_; ++i) {
-    const std::atomic<std::uint64_t>& done = done_[i].value;
-    while (!spin_burst([&] { return done.load(std::memory_order_acquire) >= generation; })) std::this_thread::yield();
+    ShareSlot& slot = shares_[i];
+    if (slot.claimed.load(std::memory_order_relaxed) < generation && claim(i, generation)) {
+      run_claimed_share(i, generation);
+      continue;
+    }
+    while (!spin_burst([&] { return slot.done.load(std::memory_order_acquire) >= generation; })) {
+      std::this_thread::yield();
+    }
   }
 }
 
@@ -171,10 +200,9 @@ void ThreadPool::worker_loop(std::uint64_t index) {
     wait_for_new_generation(seen);
     seen = generation_.value.load(std::memory_order_acquire);
     if (!running_.load(std::memory_order_acquire)) return;
-    ++t_depth;
-    run_share(index);
-    --t_depth;
-    done_[index].value.store(seen, std::memory_order_release);
+    // A worker that wakes late finds its share taken (or a generation it
+    // never saw already finished) and waits for the next one.
+    if (claim(index, seen)) run_claimed_share(index, seen);
   }
 }
 
@@ -209,11 +237,13 @@ void ThreadPool::park(std::uint64_t seen) {
 }
 
 void ThreadPool::run_share(std::uint64_t index) {
+  t_share = index;
   if (dynamic_) {
     run_chunks();
   } else {
     run_static_block(index);
   }
+  t_share = 0;
 }
 
 // One contiguous block per thread, in thread order; the first remainder_

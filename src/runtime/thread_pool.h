@@ -9,6 +9,12 @@
 // Every spin is a short burst of pause instructions followed, while nothing
 // has changed, by a yield of the processor: with more threads than usable
 // CPUs, the thread being waited for may be the one without a core.
+//
+// A share belongs to whichever thread claims it first. Each worker claims its
+// own when it wakes; the dispatcher, done with share 0, claims every share
+// whose worker has not started yet and runs it itself. A worker that another
+// process keeps off its core therefore delays a job by nothing, instead of by
+// the scheduler's time slice. The blocks are the same whoever runs them.
 #pragma once
 
 #include <atomic>
@@ -44,7 +50,13 @@ void set_thread_count(std::int32_t requested);
 // means "already inside a job: do the work inline, do not dispatch".
 std::uint64_t current_depth();
 // 0 on the main thread and every non-pool thread, i on worker i (1 .. T-1).
+// Shares that run at the same time run on different threads, so this
+// indexes per-thread scratch.
 std::uint64_t worker_index();
+// i while the calling thread runs share i of a static job, whichever thread
+// that is; 0 otherwise. One thread may run several shares of a job in turn,
+// so results kept per share go to slot current_share(), not worker_index().
+std::uint64_t current_share();
 
 class ThreadPool {
  public:
@@ -59,9 +71,11 @@ class ThreadPool {
   ThreadPool& operator=(const ThreadPool&) = delete;
 
   // Runs fn over [0, n) and returns when every item is done. chunk == 0:
-  // static mode, one contiguous block per thread in thread order (the first
-  // n % T threads take one extra item). chunk > 0: blocks of `chunk` items
-  // handed out first come, first served.
+  // static mode, one contiguous block per share in share order (the first
+  // n % T shares take one extra item); share i is run by worker i, or by the
+  // dispatcher when worker i has not claimed it by the time the dispatcher
+  // gets to it. chunk > 0: blocks of `chunk` items handed out first come,
+  // first served.
   void run(JobFn fn, void* ctx, std::uint64_t n, std::uint64_t chunk);
 
   // Stops and joins the workers. Idempotent; later runs execute inline.
@@ -73,10 +87,19 @@ class ThreadPool {
   struct alignas(128) PaddedCounter {
     std::atomic<std::uint64_t> value{0};
   };
+  // Share i's line: the last generation whose share i someone has claimed,
+  // and the last one whose share i is finished. The dispatcher reads both
+  // while it waits, so they share the line it polls.
+  struct alignas(128) ShareSlot {
+    std::atomic<std::uint64_t> claimed{0};
+    std::atomic<std::uint64_t> done{0};
+  };
 
   void publish(JobFn fn, void* ctx, std::uint64_t n, std::uint64_t chunk);
   void wake_sleepers();
-  void wait_for_workers(std::uint64_t generation) const;
+  bool claim(std::uint64_t share, std::uint64_t generation);
+  void run_claimed_share(std::uint64_t share, std::uint64_t generation);
+  void finish_shares(std::uint64_t generation);
   void worker_loop(std::uint64_t index);
   void wait_for_new_generation(std::uint64_t seen);
   void park(std::uint64_t seen);
@@ -94,7 +117,7 @@ class ThreadPool {
   std::uint8_t dynamic_ = 0;
   PaddedCounter next_chunk_;
   PaddedCounter generation_;
-  PaddedCounter done_[kMaxThreads];
+  ShareSlot shares_[kMaxThreads];
   // Workers parked (or about to park) on wake_; lets the dispatcher skip the
   // mutex and the notification while every worker is spinning.
   PaddedCounter sleepers_;

@@ -31,7 +31,7 @@ std::uint64_t greedy_token(const float* logits, std::uint64_t vocab_size) {
   };
   scan_vocabulary(vocab_size, scan);
 
-  // Ranges lie in worker order, so the same strict test across slots keeps
+  // Ranges lie in share order, so the same strict test across slots keeps
   // the lowest index among equal maxima.
   std::uint64_t winner = 0;
   for (std::uint64_t w = 1; w < workers; ++w) {

@@ -1,8 +1,11 @@
 #include "runtime/thread_pool.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <optional>
@@ -20,6 +23,7 @@ struct Call {
   std::uint64_t first;
   std::uint64_t count;
   std::uint64_t worker;
+  std::uint64_t share;
   std::uint64_t depth;
   bool operator<(const Call& other) const { return first < other.first; }
 };
@@ -31,7 +35,7 @@ struct Recorder {
   static void record(void* ctx, std::uint64_t first, std::uint64_t count) {
     auto* self = static_cast<Recorder*>(ctx);
     const std::lock_guard<std::mutex> lock(self->mutex);
-    self->calls.push_back({first, count, worker_index(), current_depth()});
+    self->calls.push_back({first, count, worker_index(), current_share(), current_depth()});
   }
 };
 
@@ -79,7 +83,9 @@ TEST(ThreadPoolTest, StaticModeGivesEachThreadItsContiguousBlockInOrder) {
       ASSERT_EQ(calls.size(), std::min(n, threads));
       std::uint64_t next = 0;
       for (std::uint64_t i = 0; i < calls.size(); ++i) {
-        EXPECT_EQ(calls[i].worker, i);  // thread i owns the i-th block
+        EXPECT_EQ(calls[i].share, i);
+        // Worker i runs block i unless the dispatcher took it over first.
+        EXPECT_TRUE(calls[i].worker == i || calls[i].worker == 0) << calls[i].worker;
         EXPECT_EQ(calls[i].first, next);
         EXPECT_EQ(calls[i].count, n / threads + (i < n % threads ? 1 : 0));
         EXPECT_EQ(calls[i].depth, 1u);
@@ -147,7 +153,7 @@ TEST(ThreadPoolTest, RunFromInsideAShareOrAfterShutdownRunsInline) {
   for (std::uint64_t i = 0; i < 4; ++i) {
     ASSERT_EQ(job.inner[i].calls.size(), 1u);
     EXPECT_EQ(job.inner[i].calls[0].count, 6u);
-    EXPECT_EQ(job.inner[i].calls[0].worker, i);
+    EXPECT_TRUE(job.inner[i].calls[0].worker == i || job.inner[i].calls[0].worker == 0);
     EXPECT_EQ(job.inner[i].calls[0].depth, 1u);
   }
   pool.shutdown();
@@ -193,6 +199,53 @@ TEST(ThreadPoolTest, ManyBackToBackTinyJobsAllComplete) {
 TEST(ThreadPoolTest, PoolWithFarMoreThreadsThanCoresCompletesBackToBackJobs) {
   ThreadPool sixteen(16);
   expect_back_to_back_jobs_complete(sixteen, 5000);
+}
+
+// Each share records which thread ran it; no two shares of a job may run at
+// the same time on one thread's scratch.
+struct OwnerJob {
+  std::array<std::atomic<int>, 16> scratch_in_use{};
+  std::array<std::uint64_t, 16> runner{};
+  std::atomic<int> overlaps{0};
+
+  static void run(void* ctx, std::uint64_t first, std::uint64_t count) {
+    auto* self = static_cast<OwnerJob*>(ctx);
+    std::atomic<int>& scratch = self->scratch_in_use[worker_index()];
+    if (scratch.fetch_add(1) != 0) self->overlaps.fetch_add(1);
+    for (std::uint64_t i = first; i < first + count; ++i) self->runner[i] = worker_index();
+    scratch.fetch_sub(1);
+  }
+};
+
+// Sixteen threads on one CPU (the workers inherit this thread's affinity):
+// most workers are off the core when a job starts, and the dispatcher runs
+// their shares itself. Each block still runs once, and never on a scratch
+// slice another share is using.
+TEST(ThreadPoolTest, DispatcherRunsTheSharesOfWorkersThatHaveNotStarted) {
+  cpu_set_t all;
+  ASSERT_EQ(sched_getaffinity(0, sizeof all, &all), 0);
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(cpu, &all)) {
+      CPU_SET(cpu, &one);
+      break;
+    }
+  }
+  ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+  ThreadPool pool(16);
+  ASSERT_EQ(sched_setaffinity(0, sizeof all, &all), 0);
+  std::uint64_t taken_over = 0;
+  for (int job_number = 0; job_number < 300; ++job_number) {
+    OwnerJob job;
+    pool.run(&OwnerJob::run, &job, 16, 0);
+    ASSERT_EQ(job.overlaps.load(), 0);
+    for (std::uint64_t i = 1; i < 16; ++i) {
+      ASSERT_TRUE(job.runner[i] == i || job.runner[i] == 0) << "share " << i << " ran on " << job.runner[i];
+      taken_over += job.runner[i] == 0 ? 1 : 0;
+    }
+  }
+  EXPECT_GT(taken_over, 0u);
 }
 
 // Takes eleven seconds: the workers must have parked, and both a dispatch
