@@ -34,6 +34,7 @@ std::unique_ptr<KernelBase> make_neon_set() {
 constexpr KernelSet kSets[] = {
 #if defined(QUORVEL_X86_KERNELS)
     {"avx512", x86::cpu_runs_avx512_set, make_set<x86::Avx512Kernels>},
+    {"avx-vnni", x86::cpu_runs_avx_vnni_set, make_set<x86::AvxVnniKernels>},
     {"avx2", x86::cpu_runs_avx2_set, make_set<x86::Avx2Kernels>},
 #endif
 #if defined(__aarch64__)

@@ -11,9 +11,10 @@
 // match the portable comparisons: min(a, b) = a < b ? a : b and
 // max(a, b) = a > b ? a : b, so a NaN in a gives b and a NaN in b stays.
 //
-// Included only by *_avx2.cpp files; everything sits in namespace avx2 so
-// that no inline function compiled with the AVX2 flags can stand in for one
-// of another build.
+// Included only by *_avx2.cpp files and, through the AVX-VNNI trait (which
+// derives a vocabulary type of its own from this one), by *_avxvnni.cpp
+// files; everything sits in namespace avx2 so that no inline function
+// compiled with the AVX2 flags can stand in for one of another build.
 #pragma once
 
 #include <cstddef>

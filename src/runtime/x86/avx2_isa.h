@@ -4,7 +4,8 @@
 // products pair up with VPMADDUBSW (into 16 bits) and widen with VPMADDWD;
 // signed weights take |w| and move w's sign onto the activation.
 //
-// Included only by *_avx2.cpp files (compiled with the AVX2 flags). Every
+// Included only by *_avx2.cpp files (compiled with the AVX2 flags) and by
+// avx_vnni_isa.h, whose trait derives from this one. Every
 // function sits in namespace avx2, and every generic template takes this
 // trait as a parameter, so that nothing compiled with these flags can stand
 // in for code of another build (isa_symbols_check.sh holds the build to it).

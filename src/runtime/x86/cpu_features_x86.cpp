@@ -43,6 +43,12 @@ bool cpu_runs_avx2_set() {
   return fma && avx && f16c && avx2 && (saved_register_state() & kYmmState) == kYmmState;
 }
 
+bool cpu_runs_avx_vnni_set() {
+  // Subleaf 1 exists when subleaf 0 reports at least one more.
+  const bool avx_vnni = cpuid(7, 0).eax >= 1 && bit(cpuid(7, 1).eax, 4);
+  return cpu_runs_avx2_set() && avx_vnni;
+}
+
 bool cpu_runs_avx512_set() {
   const CpuidLeaf l7 = cpuid(7, 0);
   const bool f = bit(l7.ebx, 16), bw = bit(l7.ebx, 30), vl = bit(l7.ebx, 31), vnni = bit(l7.ecx, 11);

@@ -8,6 +8,7 @@ template <typename Isa>
 X86Kernels<Isa>::~X86Kernels() = default;
 
 template X86Kernels<avx2::Isa>::~X86Kernels();
+template X86Kernels<avx_vnni::Isa>::~X86Kernels();
 template X86Kernels<avx512::Isa>::~X86Kernels();
 
 }  // namespace quorvel::kernels::x86

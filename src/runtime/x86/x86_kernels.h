@@ -1,17 +1,17 @@
 // The x86-64 kernel sets, declared once for every instruction set: a
 // kernel set is X86Kernels<Isa> for a lane trait Isa (avx2::Isa in
-// avx2_isa.h, avx512::Isa in avx512_isa.h).
+// avx2_isa.h, avx_vnni::Isa in avx_vnni_isa.h, avx512::Isa in avx512_isa.h).
 //
 // It derives from the portable set and overrides the operations it makes
 // faster; every override gives the portable set's results bit for bit. Each
 // family of overrides is a generic driver in its own header (e.g.
 // q1_0_products.h), written against the trait; the set's translation unit
-// (x86_kernels_avx2.cpp, x86_kernels_avx512.cpp), compiled with that
-// instruction set's flags, includes them all and instantiates the class
-// there. The explicit instantiation declarations below keep every other
-// translation unit from compiling any member, the vtable included. The
-// accessor constructs a set only on a processor that runs it; nothing below
-// re-checks.
+// (x86_kernels_avx2.cpp, x86_kernels_avxvnni.cpp, x86_kernels_avx512.cpp),
+// compiled with that instruction set's flags, includes them all and
+// instantiates the class there. The explicit instantiation declarations
+// below keep every other translation unit from compiling any member, the
+// vtable included. The accessor constructs a set only on a processor that
+// runs it; nothing below re-checks.
 #pragma once
 
 #include "runtime/scalar/portable_kernels.h"
@@ -19,6 +19,9 @@
 namespace quorvel::kernels::x86 {
 
 namespace avx2 {
+struct Isa;
+}
+namespace avx_vnni {
 struct Isa;
 }
 namespace avx512 {
@@ -112,9 +115,11 @@ const char* X86Kernels<Isa>::name() const {
 }
 
 using Avx2Kernels = X86Kernels<avx2::Isa>;
+using AvxVnniKernels = X86Kernels<avx_vnni::Isa>;
 using Avx512Kernels = X86Kernels<avx512::Isa>;
 
 extern template class X86Kernels<avx2::Isa>;
+extern template class X86Kernels<avx_vnni::Isa>;
 extern template class X86Kernels<avx512::Isa>;
 
 }  // namespace quorvel::kernels::x86
