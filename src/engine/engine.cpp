@@ -17,6 +17,7 @@
 #include "io/rope_header.h"
 #include "models/model_base.h"
 #include "models/model_requirements.h"
+#include "runtime/kernel_sets.h"
 #include "runtime/physical_memory.h"
 #include "runtime/thread_pool.h"
 #include "runtime/usable_cpus.h"
@@ -87,6 +88,9 @@ int run_engine(int argc, char** argv) {
     std::cerr << "Error: Could not open model files in " << directory << std::endl;
     return 1;
   }
+
+  // A kernel set forced by QUORVEL_KERNEL_SET that cannot be had ends start-up before any kernel runs.
+  if (const auto& choice = kernels::chosen_kernel_set(); choice.set == nullptr) return fail(choice.error);
 
   // The scratch buffers are sized by the thread count: set it before the model.
   set_thread_count(config.num_threads);

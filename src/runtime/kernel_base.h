@@ -187,7 +187,8 @@ class KernelBase {
 };
 
 // The process-wide kernel set, chosen once on first use from the processor's
-// features; every later call returns the same object.
+// features or QUORVEL_KERNEL_SET (chosen_kernel_set in kernel_sets.h); every
+// later call returns the same object.
 const KernelBase& kernels();
 
 }  // namespace quorvel::kernels

@@ -1,5 +1,7 @@
 #include "runtime/kernel_sets.h"
 
+#include <cstdlib>
+
 #include "runtime/scalar/portable_kernels.h"
 
 #if defined(QUORVEL_X86_KERNELS)
@@ -44,15 +46,52 @@ constexpr KernelSet kSets[] = {
     {"portable", always, make_set<PortableKernels>},
 };
 
+// The first set of `sets` that this processor supports; null when none is.
+const KernelSet* first_supported(std::span<const KernelSet> sets) {
+  for (const KernelSet& set : sets) {
+    if (set.supported()) return &set;
+  }
+  return nullptr;
+}
+
+const KernelSet* find_set(std::span<const KernelSet> sets, std::string_view name) {
+  for (const KernelSet& set : sets) {
+    if (name == set.name) return &set;
+  }
+  return nullptr;
+}
+
+// "a, b, c": the names of the sets of `sets` that this processor supports.
+std::string supported_names(std::span<const KernelSet> sets) {
+  std::string names;
+  for (const KernelSet& set : sets) {
+    if (set.supported()) names += (names.empty() ? "" : ", ") + std::string(set.name);
+  }
+  return names;
+}
+
 }  // namespace
 
 std::span<const KernelSet> kernel_sets() { return kSets; }
 
-const KernelSet& preferred_kernel_set() {
-  for (const KernelSet& set : kSets) {
-    if (set.supported()) return set;
-  }
-  return kSets[std::size(kSets) - 1];
+const KernelSet& preferred_kernel_set() { return *first_supported(kSets); }
+
+KernelSetChoice choose_kernel_set(std::span<const KernelSet> sets, std::string_view forced) {
+  if (forced.empty()) return {first_supported(sets), ""};
+  const KernelSet* named = find_set(sets, forced);
+  if (named != nullptr && named->supported()) return {named, ""};
+  const std::string problem = named == nullptr ? "names no kernel set of this build"
+                                               : "names a kernel set this processor cannot run";
+  return {nullptr, "Error: QUORVEL_KERNEL_SET=" + std::string(forced) + " " + problem + "; this processor runs " +
+                       supported_names(sets)};
+}
+
+const KernelSetChoice& chosen_kernel_set() {
+  static const KernelSetChoice choice = [] {
+    const char* forced = std::getenv("QUORVEL_KERNEL_SET");
+    return choose_kernel_set(kSets, forced == nullptr ? "" : forced);
+  }();
+  return choice;
 }
 
 }  // namespace quorvel::kernels

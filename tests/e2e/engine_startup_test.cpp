@@ -1,7 +1,9 @@
 // Every way the engine refuses to start: its exact message and exit status.
 #include <csignal>
+#include <cstdlib>
 
 #include "e2e_support.h"
+#include "runtime/kernel_sets.h"
 #include "runtime/usable_cpus.h"
 
 namespace quorvel::e2e {
@@ -166,6 +168,39 @@ TEST_F(Startup, MoreThreadsThanUsableCpusWarnOnceAndServeTheSameTokens) {
                              std::to_string(threads - 2) + "\n");
   EXPECT_EQ(single.err, "");
   EXPECT_EQ(crowded.out, single.out);
+}
+
+// QUORVEL_KERNEL_SET in this process, and so in the engines it starts, while the object lives.
+class ForcedKernelSet {
+ public:
+  explicit ForcedKernelSet(const std::string& name) { setenv("QUORVEL_KERNEL_SET", name.c_str(), 1); }
+  ~ForcedKernelSet() { unsetenv("QUORVEL_KERNEL_SET"); }
+  ForcedKernelSet(const ForcedKernelSet&) = delete;
+  ForcedKernelSet& operator=(const ForcedKernelSet&) = delete;
+};
+
+TEST_F(Startup, EveryKernelSetThisProcessorRunsCanBeForcedAndServesTheSameTokens) {
+  const std::string input = init_block(model()) + request({"tokens=5,9,200,31", "temperature=0", "max_tokens=10"});
+  const ProcessResult chosen = run_engine(model(), input);
+  ASSERT_EQ(chosen.exit_status, 0) << chosen.err;
+  for (const kernels::KernelSet& set : kernels::kernel_sets()) {
+    if (!set.supported()) continue;
+    const ForcedKernelSet forced(set.name);
+    const ProcessResult result = run_engine(model(), input);
+    EXPECT_EQ(result.exit_status, 0) << set.name << ": " << result.err;
+    EXPECT_EQ(result.err, "") << set.name;
+    EXPECT_EQ(result.out, chosen.out) << set.name;
+  }
+}
+
+TEST_F(Startup, AForcedKernelSetThatCannotRunIsRefusedWithTheSetsThatCan) {
+  std::string runnable;
+  for (const kernels::KernelSet& set : kernels::kernel_sets()) {
+    if (set.supported()) runnable += (runnable.empty() ? "" : ", ") + std::string(set.name);
+  }
+  const ForcedKernelSet forced("avx9");
+  expect_refused(run_engine(model(), init_block(model())),
+                 "Error: QUORVEL_KERNEL_SET=avx9 names no kernel set of this build; this processor runs " + runnable);
 }
 
 TEST_F(Startup, AFileCutInsideTheLastLayerEndsAbnormallyWithTheReadersMessage) {
