@@ -1,14 +1,18 @@
 // quorvel-bench: end-to-end prefill and decode speed of the engine on three
 // generated models of real shapes, with 1 and 2 threads, put against this
 // machine's limits measured in the same run: the int8 multiply-add peak of
-// the kernel set the engine selects, and the memory read bandwidth; then
+// the kernel set the engine runs, and the memory read bandwidth; then
 // decode beside another program that keeps one CPU busy.
 //
-//   quorvel-bench <engine binary> <model cache directory>
+//   quorvel-bench [--kernel-set NAME] <engine binary> <model cache directory>
+//
+// --kernel-set starts the engines with QUORVEL_KERNEL_SET=NAME (a set of
+// kernel_sets.h that this processor runs) and measures that set's peak.
 //
 // Models are written once into the cache directory and reused.
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <string>
@@ -48,7 +52,7 @@ MachineLimits measure_machine(const char* kernel_set) {
 
 void print_limits(const char* kernel_set, const MachineLimits& m) {
   std::printf("processor: %s\n", processor_name().c_str());
-  std::printf("kernel set: %s (the engine's choice for this processor)\n", kernel_set);
+  std::printf("kernel set: %s (the one the engines run)\n", kernel_set);
   std::printf("memory read bandwidth, %s loads: %.1f GB/s (1 thread), %.1f GB/s (2 threads)\n",
               m.bandwidth[0].loads, m.bandwidth[0].gb_per_s, m.bandwidth[1].gb_per_s);
   std::printf("int8 multiply-add peak, %s: %.0f G/s (1 thread), %.0f G/s (2 threads)\n\n", m.peak[0].instruction,
@@ -119,19 +123,29 @@ void print_competitor_rows(const std::string& engine, const std::vector<fs::path
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::cerr << "Usage: " << argv[0] << " <engine binary> <model cache directory>" << std::endl;
+  std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.size() == 4 && args[0] == "--kernel-set") {
+    setenv("QUORVEL_KERNEL_SET", args[1].c_str(), 1);  // inherited by the engines started below
+    args.erase(args.begin(), args.begin() + 2);
+  }
+  if (args.size() != 2) {
+    std::cerr << "Usage: " << argv[0] << " [--kernel-set NAME] <engine binary> <model cache directory>" << std::endl;
     return 1;
   }
-  const char* kernel_set = quorvel::kernels::preferred_kernel_set().name;
+  const quorvel::kernels::KernelSetChoice& choice = quorvel::kernels::chosen_kernel_set();
+  if (choice.set == nullptr) {
+    std::cerr << choice.error << std::endl;
+    return 1;
+  }
+  const char* kernel_set = choice.set->name;
   const MachineLimits limits = measure_machine(kernel_set);
   print_limits(kernel_set, limits);
   print_table_header();
   std::vector<fs::path> models;
   for (const BenchShape& shape : bench_shapes()) {
-    models.push_back(cached_model(argv[2], shape));
-    for (unsigned threads : {1u, 2u}) print_row(argv[1], shape, models.back(), threads, limits);
+    models.push_back(cached_model(args[1], shape));
+    for (unsigned threads : {1u, 2u}) print_row(args[0], shape, models.back(), threads, limits);
   }
-  print_competitor_rows(argv[1], models);
+  print_competitor_rows(args[0], models);
   return 0;
 }

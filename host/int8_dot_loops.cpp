@@ -48,6 +48,27 @@ __attribute__((target("avx512f,avx512vnni"))) std::int64_t dot_vnni(const std::i
   return sum;
 }
 
+// The VEX vpdpbusd of AVX-VNNI: 32 unsigned-by-signed byte products per ymm,
+// summed by fours into 32-bit lanes. Twelve accumulators.
+__attribute__((target("avx2,avxvnni"))) std::int64_t dot_avx_vnni(const std::int8_t* x, std::uint8_t w,
+                                                                   std::uint64_t rounds) {
+  const __m256i weights = _mm256_set1_epi8(static_cast<char>(w));
+  __m256i acc[12];
+  for (auto& a : acc) a = _mm256_setzero_si256();
+  for (std::uint64_t r = 0; r < rounds; ++r) {
+    for (int k = 0; k < 12; ++k) {
+      acc[k] = _mm256_dpbusd_avx_epi32(acc[k], weights, _mm256_load_si256(reinterpret_cast<const __m256i*>(x) + k));
+    }
+    reload_barrier(x);
+  }
+  for (int k = 1; k < 12; ++k) acc[0] = _mm256_add_epi32(acc[0], acc[k]);
+  alignas(32) std::int32_t lanes[8];
+  _mm256_store_si256(reinterpret_cast<__m256i*>(lanes), acc[0]);
+  std::int64_t sum = 0;
+  for (std::int32_t lane : lanes) sum += lane;
+  return sum;
+}
+
 // vpmaddubsw (byte pairs to 16 bits), vpmaddwd by ones (to 32 bits), vpaddd
 // into the accumulator: 32 byte products per ymm. Eight accumulators.
 __attribute__((target("avx2"))) std::int64_t dot_avx2(const std::int8_t* x, std::uint8_t w,
@@ -114,6 +135,7 @@ std::int64_t dot_smull(const std::int8_t* x, std::uint8_t w, std::uint64_t round
 Int8DotLoop int8_dot_loop_for(std::string_view kernel_set) {
 #if defined(__x86_64__)
   if (kernel_set == "avx512") return {"vpdpbusd zmm", 12 * 64, dot_vnni};
+  if (kernel_set == "avx-vnni") return {"vpdpbusd ymm", 12 * 32, dot_avx_vnni};
   if (kernel_set == "avx2") return {"vpmaddubsw + vpmaddwd + vpaddd ymm", 8 * 32, dot_avx2};
 #endif
 #if defined(__aarch64__)

@@ -21,7 +21,7 @@ struct Int8DotLoop {
 };
 
 // The loop for a kernel set named as the runtime names it (kernel_sets.h):
-// "avx512", "avx2", "neon-dotprod", "neon"; any other name, the portable
+// "avx512", "avx-vnni", "avx2", "neon-dotprod", "neon"; any other name, the portable
 // set included, gets a plain C++ loop.
 Int8DotLoop int8_dot_loop_for(std::string_view kernel_set);
 

@@ -37,6 +37,7 @@ TEST(Int8DotLoops, EverySupportedSetsLoopMultipliesEveryOperandOncePerRound) {
 TEST(Int8DotLoops, EachSetGetsTheInstructionItsProductsUse) {
 #if defined(__x86_64__)
   EXPECT_STREQ(int8_dot_loop_for("avx512").instruction, "vpdpbusd zmm");
+  EXPECT_STREQ(int8_dot_loop_for("avx-vnni").instruction, "vpdpbusd ymm");
   EXPECT_EQ(std::string(int8_dot_loop_for("avx2").instruction).rfind("vpmaddubsw", 0), 0u);
 #endif
 #if defined(__aarch64__)
