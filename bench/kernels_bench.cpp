@@ -1,7 +1,8 @@
-// Throughput of the single-token products of every weight format (ternary,
-// q1_0_128, q1.58, q8_0 and the int8 unembedding table) at K = 2048 and 4096,
-// for every kernel set of the registry that this machine can run, side by
-// side, reported as weights/s and bytes of weights/s.
+// Throughput of the single-token and four-token products of every weight
+// format (ternary, q1_0_128, q1.58, q8_0) and of the int8, q8_0 and q4_0
+// unembedding tables at K = 2048 and 4096, for every kernel set of the
+// registry that this machine can run, side by side, reported as weights/s
+// and bytes of weights/s.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include "runtime/aligned_buffer.h"
 #include "runtime/formats/q1_0.h"
 #include "runtime/formats/q1_58.h"
+#include "runtime/formats/q4_0.h"
 #include "runtime/formats/q8_0.h"
 #include "runtime/kernel_base.h"
 #include "runtime/kernel_sets.h"
@@ -96,6 +98,16 @@ const Product kProducts[] = {
        kernels.gemv_i8_f32(reinterpret_cast<const std::int8_t*>(in.w.get()), in.row_scales.get(), in.x.get(), 0.01f,
                            in.logits.get(), kRows, in.k);
      }},
+    {"gemv_q8_0_f32", 1, [](std::size_t k) { return k / 32 * sizeof(formats::BlockQ8_0); },
+     [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ8_0>(w, bytes, 0.01f); },
+     [](const KernelBase& kernels, ProductInputs& in) {
+       kernels.gemv_q8_0_f32(in.w.get(), in.x.get(), 0.01f, in.logits.get(), kRows, in.k);
+     }},
+    {"gemv_q4_0_f32", 1, [](std::size_t k) { return k / 32 * sizeof(formats::BlockQ4_0); },
+     [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ4_0>(w, bytes, 0.01f); },
+     [](const KernelBase& kernels, ProductInputs& in) {
+       kernels.gemv_q4_0_f32(in.w.get(), in.x.get(), 0.01f, in.logits.get(), kRows, in.k);
+     }},
     {"gemm_ternary", 4, [](std::size_t k) { return k / 4; }, nullptr,
      [](const KernelBase& kernels, ProductInputs& in) {
        kernels.gemm_ternary(0.5, in.w.get(), in.x.get(), in.x_scales.get(), in.out.get(), kRows, 4, kRows, in.k);
@@ -104,6 +116,11 @@ const Product kProducts[] = {
      [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ1_0>(w, bytes, 0.01f); },
      [](const KernelBase& kernels, ProductInputs& in) {
        kernels.gemm_q1_0(in.w.get(), in.x.get(), in.x_scales.get(), in.out.get(), kRows, 4, kRows, in.k);
+     }},
+    {"gemm_q1_58", 4, [](std::size_t k) { return k / 128 * sizeof(formats::BlockQ1_58); },
+     [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ1_58>(w, bytes, 0.01f); },
+     [](const KernelBase& kernels, ProductInputs& in) {
+       kernels.gemm_q1_58(in.w.get(), in.x.get(), in.x_scales.get(), in.out.get(), kRows, 4, kRows, in.k);
      }},
     {"gemm_q8_0", 4, [](std::size_t k) { return k / 32 * sizeof(formats::BlockQ8_0); },
      [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ8_0>(w, bytes, 0.01f); },
