@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "runtime/first_touch.h"
 #include "runtime/formats/format_table.h"
 #include "runtime/formats/i8_matrix.h"
 #include "runtime/formats/unembed_layout.h"
@@ -38,29 +37,35 @@ std::uint64_t code_columns(QuantFormat format, std::uint64_t embedding_dim) {
 template <typename T>
 AlignedPtr<T> allocate_zeroed(std::uint64_t count) {
   AlignedPtr<T> buffer = allocate_aligned_elements<T>(count);
-  clear_pages(buffer.get(), size_mul(count, sizeof(T)));
+  kernels::kernels().fill_bytes(buffer.get(), 0, size_mul(count, sizeof(T)));
   return buffer;
 }
 
-// Fills a table of `rows` rows of `row_bytes` bytes, grouped by 32 rows, one
-// group at a time over the worker pool, without a plain copy of the whole
+// Builds a table of `rows` rows of `row_bytes` bytes, grouped by 32 rows
+// with the padding rows zero, one group at a time over the worker pool, so
+// that each thread writes (and first touches) its own part of the fresh
 // table: quantize(first_row, rows, plain) writes the group's rows in plain
 // row-major order into `plain`, zero on entry; arrange(plain, rows, group)
 // puts them in the group's place of the table.
 template <typename Quantize, typename Arrange>
-void fill_grouped_table(std::uint64_t rows, std::uint64_t row_bytes, std::uint64_t staging_bytes,
-                        std::uint8_t* table, Quantize quantize, Arrange arrange) {
+AlignedPtr<std::uint8_t> build_grouped_table(std::uint64_t rows, std::uint64_t row_bytes,
+                                             std::uint64_t staging_bytes, Quantize quantize, Arrange arrange) {
   const std::uint64_t group_bytes = size_mul(kGroupRows, row_bytes);
+  AlignedPtr<std::uint8_t> table = allocate_aligned<std::uint8_t>(size_mul(size_round_up(rows, kGroupRows), row_bytes));
   const AlignedPtr<std::uint8_t> staging = allocate_aligned<std::uint8_t>(staging_bytes);
   parallel_rows(rows, {.unit_rows = kGroupRows}, [&](std::uint64_t first, std::uint64_t count) {
     std::uint8_t* plain = staging.get() + worker_index() * group_bytes;
     for (std::uint64_t row = first; row < first + count; row += kGroupRows) {
       const std::uint64_t group_rows = std::min(kGroupRows, first + count - row);
+      std::uint8_t* group = table.get() + row * row_bytes;
+      // Only the last group has padding rows, which arrange leaves as they are.
+      if (group_rows < kGroupRows) kernels::kernels().fill_bytes(group, 0, group_bytes);
       kernels::kernels().fill_bytes(plain, 0, group_rows * row_bytes);
       quantize(row, group_rows, plain);
-      arrange(plain, group_rows, table + row * row_bytes);
+      arrange(plain, group_rows, group);
     }
   });
+  return table;
 }
 
 }  // namespace
@@ -148,7 +153,6 @@ void Embedding::build_i8_table(const bf16* source) {
   const std::uint64_t columns = table_row_bytes(QuantFormat::INT8, embedding_dim());
   output_row_bytes_ = columns;
   output_scales_ = allocate_zeroed<float>(padded_vocab());
-  output_table_ = allocate_zeroed<std::uint8_t>(size_mul(padded_vocab(), columns));
   const auto quantize = [&](std::uint64_t first, std::uint64_t rows, std::uint8_t* plain) {
     for (std::uint64_t r = 0; r < rows; ++r) {
       kernels::kernels().quantize_rows_i8(source + (first + r) * embedding_dim(),
@@ -160,15 +164,14 @@ void Embedding::build_i8_table(const bf16* source) {
     formats::tile_i8_for_unembed(reinterpret_cast<const std::int8_t*>(plain), rows, columns,
                                  reinterpret_cast<std::int8_t*>(group));
   };
-  fill_grouped_table(vocab_size(), columns, staging_bytes(unembed_format_, embedding_dim(), thread_count()),
-                     output_table_.get(), quantize, arrange);
+  const std::uint64_t staging = staging_bytes(unembed_format_, embedding_dim(), thread_count());
+  output_table_ = build_grouped_table(vocab_size(), columns, staging, quantize, arrange);
 }
 
 void Embedding::build_block_table(const bf16* source) {
   const formats::StorageFormat& format = *find_block_format(unembed_format_);
   const std::uint64_t blocks_per_row = size_ceil_div(embedding_dim(), format.layout.block_values);
   output_row_bytes_ = table_row_bytes(unembed_format_, embedding_dim());
-  output_table_ = allocate_zeroed<std::uint8_t>(size_mul(padded_vocab(), output_row_bytes_));
   // The quantizer may leave the codes of an all-zero block as they were:
   // the plain rows start from zero.
   const auto quantize = [&](std::uint64_t first, std::uint64_t rows, std::uint8_t* plain) {
@@ -177,8 +180,8 @@ void Embedding::build_block_table(const bf16* source) {
   const auto arrange = [&](const std::uint8_t* plain, std::uint64_t rows, std::uint8_t* group) {
     formats::group_blocks_for_unembed(plain, rows, blocks_per_row, format.layout.block_bytes, group);
   };
-  fill_grouped_table(vocab_size(), output_row_bytes_, staging_bytes(unembed_format_, embedding_dim(), thread_count()),
-                     output_table_.get(), quantize, arrange);
+  const std::uint64_t staging = staging_bytes(unembed_format_, embedding_dim(), thread_count());
+  output_table_ = build_grouped_table(vocab_size(), output_row_bytes_, staging, quantize, arrange);
 }
 
 void Embedding::embed_row(std::uint64_t id, bf16* out) const {

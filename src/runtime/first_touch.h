@@ -14,7 +14,4 @@ namespace quorvel {
 // for a buffer about to be overwritten whole.
 void touch_pages(void* buffer, std::uint64_t bytes);
 
-// Sets [buffer, buffer + bytes) to zero, each thread a run of pages.
-void clear_pages(void* buffer, std::uint64_t bytes);
-
 }  // namespace quorvel
