@@ -70,8 +70,9 @@ void print_table_header() {
               "caches), positions = the mean attended, D + %.1f\n\n",
               static_cast<unsigned long long>(kDecodeTokens), static_cast<unsigned long long>(kDecodePrompt),
               mean_decode_positions(0, kDecodePrompt, kDecodeTokens));
-  std::printf("| model | threads | weight MB/token | prefill tok/s | %% of int8 peak | decode tok/s (%% of bandwidth) "
-              "at depth 0 | at 1024 | at 4096 |\n|---|---|---|---|---|---|---|---|\n");
+  std::printf("load: bytes of qmodel.tensors / seconds from the engine's start to its first answer\n\n");
+  std::printf("| model | threads | load GB/s | weight MB/token | prefill tok/s | %% of int8 peak | decode tok/s "
+              "(%% of bandwidth) at depth 0 | at 1024 | at 4096 |\n|---|---|---|---|---|---|---|---|---|\n");
 }
 
 // One table row: a fresh engine with `threads` threads. The depth runs need
@@ -84,10 +85,13 @@ void print_row(const std::string& engine, const BenchShape& shape, const fs::pat
   const auto start = std::chrono::steady_clock::now();
   const InitConfig config = read_model_config(model);
   BenchSession session(engine, model, threads);
+  const double load_seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const double load_gb_per_s = static_cast<double>(fs::file_size(model / "qmodel.tensors")) / load_seconds / 1e9;
   const double prefill = session.prefill_tokens_per_second(kPrefillTokens);
   const double prefill_g = prefill * prefill_multiply_adds_per_token(config, kPrefillTokens) / 1e9;
-  std::printf("| %s | %u | %.0f | %.1f | %.0f %% |", shape.name, threads, weight_bytes_per_token(config) / 1e6,
-              prefill, 100.0 * prefill_g / m.peak[threads - 1].g_multiply_adds_per_second);
+  std::printf("| %s | %u | %.2f | %.0f | %.1f | %.0f %% |", shape.name, threads, load_gb_per_s,
+              weight_bytes_per_token(config) / 1e6, prefill,
+              100.0 * prefill_g / m.peak[threads - 1].g_multiply_adds_per_second);
   session.fill_cache(kDepths[2]);
   for (std::uint64_t depth : kDepths) {
     const double decode = session.decode_tokens_per_second(depth, kDecodePrompt, kDecodeTokens);

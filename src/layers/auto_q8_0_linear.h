@@ -19,8 +19,16 @@ class AutoQ8_0Linear : public BlockLinear {
   // Bytes of one output row of weights in memory.
   static std::uint64_t weight_row_bytes(std::uint64_t in_shape);
 
+  // Bytes of the bf16 rows held while loading: the source passes through
+  // batches of about 1 MiB of whole rows, at least one row.
+  static std::uint64_t source_batch_bytes(std::uint64_t in_shape, std::uint64_t out_shape);
+
  private:
-  void quantize_from(const bf16* source);
+  // Reads the bf16 source a batch of rows at a time and quantizes each
+  // batch over the worker pool.
+  void quantize_from(std::istream& stream);
+  // Quantizes `rows` source rows into the weight rows from `first_row` on.
+  void quantize_rows(const bf16* source, std::uint64_t first_row, std::uint64_t rows, std::uint8_t* blocks) const;
 };
 
 }  // namespace quorvel::layers

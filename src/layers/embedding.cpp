@@ -1,5 +1,6 @@
 #include "layers/embedding.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "runtime/formats/format_table.h"
@@ -38,6 +39,33 @@ AlignedPtr<T> allocate_zeroed(std::uint64_t count) {
   AlignedPtr<T> buffer = allocate_aligned_elements<T>(count);
   kernels::kernels().fill_bytes(buffer.get(), 0, size_mul(count, sizeof(T)));
   return buffer;
+}
+
+// Builds a table of `rows` rows of `row_bytes` bytes, grouped by 32 rows
+// with the padding rows zero, one group at a time over the worker pool, so
+// that each thread writes (and first touches) its own part of the fresh
+// table: quantize(first_row, rows, plain) writes the group's rows in plain
+// row-major order into `plain`, zero on entry; arrange(plain, rows, group)
+// puts them in the group's place of the table.
+template <typename Quantize, typename Arrange>
+AlignedPtr<std::uint8_t> build_grouped_table(std::uint64_t rows, std::uint64_t row_bytes,
+                                             std::uint64_t staging_bytes, Quantize quantize, Arrange arrange) {
+  const std::uint64_t group_bytes = size_mul(kGroupRows, row_bytes);
+  AlignedPtr<std::uint8_t> table = allocate_aligned<std::uint8_t>(size_mul(size_round_up(rows, kGroupRows), row_bytes));
+  const AlignedPtr<std::uint8_t> staging = allocate_aligned<std::uint8_t>(staging_bytes);
+  parallel_rows(rows, {.unit_rows = kGroupRows}, [&](std::uint64_t first, std::uint64_t count) {
+    std::uint8_t* plain = staging.get() + worker_index() * group_bytes;
+    for (std::uint64_t row = first; row < first + count; row += kGroupRows) {
+      const std::uint64_t group_rows = std::min(kGroupRows, first + count - row);
+      std::uint8_t* group = table.get() + row * row_bytes;
+      // Only the last group has padding rows, which arrange leaves as they are.
+      if (group_rows < kGroupRows) kernels::kernels().fill_bytes(group, 0, group_bytes);
+      kernels::kernels().fill_bytes(plain, 0, group_rows * row_bytes);
+      quantize(row, group_rows, plain);
+      arrange(plain, group_rows, group);
+    }
+  });
+  return table;
 }
 
 }  // namespace
@@ -117,36 +145,43 @@ std::uint64_t Embedding::table_row_bytes(QuantFormat format, std::uint64_t embed
   return blocks == nullptr ? 0 : blocks->layout.row_bytes(embedding_dim);
 }
 
+std::uint64_t Embedding::staging_bytes(QuantFormat format, std::uint64_t embedding_dim, std::uint64_t threads) {
+  return size_mul(threads, kGroupRows, table_row_bytes(format, embedding_dim));
+}
+
 void Embedding::build_i8_table(const bf16* source) {
   const std::uint64_t columns = table_row_bytes(QuantFormat::INT8, embedding_dim());
   output_row_bytes_ = columns;
   output_scales_ = allocate_zeroed<float>(padded_vocab());
-  output_table_ = allocate_zeroed<std::uint8_t>(size_mul(padded_vocab(), columns));
-  const AlignedPtr<std::int8_t> plain = allocate_zeroed<std::int8_t>(size_mul(vocab_size(), columns));
-  parallel_rows(vocab_size(), {}, [&](std::uint64_t first, std::uint64_t count) {
-    for (std::uint64_t r = first; r < first + count; ++r) {
-      kernels::kernels().quantize_rows_i8(source + r * embedding_dim(), plain.get() + r * columns,
-                                          output_scales_.get() + r, 1, embedding_dim());
+  const auto quantize = [&](std::uint64_t first, std::uint64_t rows, std::uint8_t* plain) {
+    for (std::uint64_t r = 0; r < rows; ++r) {
+      kernels::kernels().quantize_rows_i8(source + (first + r) * embedding_dim(),
+                                          reinterpret_cast<std::int8_t*>(plain + r * columns),
+                                          output_scales_.get() + first + r, 1, embedding_dim());
     }
-  });
-  formats::tile_i8_for_unembed(plain.get(), vocab_size(), columns,
-                               reinterpret_cast<std::int8_t*>(output_table_.get()));
+  };
+  const auto arrange = [&](const std::uint8_t* plain, std::uint64_t rows, std::uint8_t* group) {
+    formats::tile_i8_for_unembed(reinterpret_cast<const std::int8_t*>(plain), rows, columns,
+                                 reinterpret_cast<std::int8_t*>(group));
+  };
+  const std::uint64_t staging = staging_bytes(unembed_format_, embedding_dim(), thread_count());
+  output_table_ = build_grouped_table(vocab_size(), columns, staging, quantize, arrange);
 }
 
 void Embedding::build_block_table(const bf16* source) {
   const formats::StorageFormat& format = *find_block_format(unembed_format_);
   const std::uint64_t blocks_per_row = size_ceil_div(embedding_dim(), format.layout.block_values);
   output_row_bytes_ = table_row_bytes(unembed_format_, embedding_dim());
-  output_table_ = allocate_zeroed<std::uint8_t>(size_mul(padded_vocab(), output_row_bytes_));
-  // Zeroed because a quantizer may leave the codes of an all-zero block as
-  // they were.
-  const AlignedPtr<std::uint8_t> plain = allocate_zeroed<std::uint8_t>(size_mul(vocab_size(), output_row_bytes_));
-  parallel_rows(vocab_size(), {}, [&](std::uint64_t first, std::uint64_t count) {
-    (kernels::kernels().*format.quantize_rows)(source + first * embedding_dim(), count, embedding_dim(),
-                                          plain.get() + first * output_row_bytes_);
-  });
-  formats::group_blocks_for_unembed(plain.get(), vocab_size(), blocks_per_row, format.layout.block_bytes,
-                                    output_table_.get());
+  // The quantizer may leave the codes of an all-zero block as they were:
+  // the plain rows start from zero.
+  const auto quantize = [&](std::uint64_t first, std::uint64_t rows, std::uint8_t* plain) {
+    (kernels::kernels().*format.quantize_rows)(source + first * embedding_dim(), rows, embedding_dim(), plain);
+  };
+  const auto arrange = [&](const std::uint8_t* plain, std::uint64_t rows, std::uint8_t* group) {
+    formats::group_blocks_for_unembed(plain, rows, blocks_per_row, format.layout.block_bytes, group);
+  };
+  const std::uint64_t staging = staging_bytes(unembed_format_, embedding_dim(), thread_count());
+  output_table_ = build_grouped_table(vocab_size(), output_row_bytes_, staging, quantize, arrange);
 }
 
 void Embedding::embed_row(std::uint64_t id, bf16* out) const {

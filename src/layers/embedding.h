@@ -81,6 +81,9 @@ class Embedding final : public EmbeddingBase {
   // Bytes of one output-table row in `format` (int8: the codes, padded to
   // whole tiles; its row scales come on top); 0 for a format without a table.
   static std::uint64_t table_row_bytes(QuantFormat format, std::uint64_t embedding_dim);
+  // Bytes held while the output table is built with `threads` threads: one
+  // group of 32 plain rows per thread.
+  static std::uint64_t staging_bytes(QuantFormat format, std::uint64_t embedding_dim, std::uint64_t threads);
 
   QuantFormat unembed_format() const { return unembed_format_; }
   const bf16* embed_tokens() const { return embed_tokens_.get(); }

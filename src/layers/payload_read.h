@@ -25,8 +25,23 @@ struct PayloadText {
 [[noreturn]] void fail_short_read(std::istream& in, const PayloadText& text, std::uint64_t count,
                                   std::uint64_t expected);
 
-// Reads exactly `bytes` bytes into `dst`. On a short read the report counts
-// in units of `unit` bytes (bytes by default; the RoPE tables count floats).
+// Where a piece of an item lies within the item, counted in bytes.
+struct PayloadPiece {
+  std::uint64_t offset;  // bytes of the item read before this piece
+  std::uint64_t bytes;   // bytes of this piece
+  std::uint64_t total;   // bytes of the whole item
+};
+
+// Reads one piece of an item into `dst`. A short read reports what the item
+// got so far (offset plus what this piece delivered) against its total, in
+// units of `unit` bytes.
+void read_payload_piece(std::istream& in, void* dst, const PayloadPiece& piece, const PayloadText& text,
+                        std::uint64_t unit = 1);
+
+// Reads exactly `bytes` bytes into the fresh buffer `dst`, in large pieces
+// whose pages are first touched by the whole worker pool. On a short read
+// the report counts in units of `unit` bytes (bytes by default; the RoPE
+// tables count floats).
 void read_payload(std::istream& in, void* dst, std::uint64_t bytes, const PayloadText& text,
                   std::uint64_t unit = 1);
 

@@ -67,14 +67,14 @@ std::uint64_t layer_norm_bytes(const InitConfig& c) {
   return size_mul(values, sizeof(bf16));
 }
 
-// q8_0 weights arrive as bf16 and are quantized at load: the largest
-// projection's bf16 rows are held for a moment next to everything else.
+// q8_0 weights arrive as bf16 and are quantized at load: a batch of a
+// projection's bf16 rows is held for a moment next to everything else.
 std::uint64_t largest_projection_source_bytes(const InitConfig& c) {
   if (static_cast<ArchType>(c.arch_type) != ArchType::QWEN3 || c.num_layers == 0) return 0;
   const Widths w = widths_of(c);
-  const std::uint64_t widest = std::max({size_mul(w.hidden, w.key_value), size_mul(w.hidden, w.query),
-                                         size_mul(w.hidden, w.intermediate)});
-  return size_mul(widest, sizeof(bf16));
+  const auto batch = &layers::AutoQ8_0Linear::source_batch_bytes;
+  return std::max({batch(w.hidden, w.query), batch(w.hidden, w.key_value), batch(w.query, w.hidden),
+                   batch(w.hidden, w.intermediate), batch(w.intermediate, w.hidden)});
 }
 
 std::uint64_t rotary_table_bytes(const InitConfig& c) {
@@ -88,7 +88,7 @@ struct EmbeddingBytes {
   std::uint64_t loading;  // freed once the output table is built
 };
 
-EmbeddingBytes embedding_bytes(const InitConfig& c) {
+EmbeddingBytes embedding_bytes(const InitConfig& c, std::uint64_t threads) {
   const std::uint64_t V = c.vocab_size, d = c.hidden_dim;
   const std::uint64_t tables = c.tie_word_embeddings ? 1 : 2;
   switch (static_cast<ArchType>(c.arch_type)) {
@@ -98,13 +98,13 @@ EmbeddingBytes embedding_bytes(const InitConfig& c) {
   }
   // A bf16 input table, and the output table re-quantized into padded groups
   // of rows (int8 adds one scale per row); while it is built, the untied
-  // bf16 lm_head and an ungrouped copy are held as well.
+  // bf16 lm_head and a group of plain rows per thread are held as well.
   const std::uint64_t bf16_table = size_mul(V, d, sizeof(bf16));
   const std::uint64_t row_bytes = layers::Embedding::table_row_bytes(c.unembed_quant, d);
   const std::uint64_t scales = c.unembed_quant == QuantFormat::INT8 ? sizeof(float) : 0;
   const std::uint64_t output_table = size_mul(size_round_up(V, 32), size_add(row_bytes, scales));
   return {size_add(bf16_table, output_table),
-          size_add(size_mul(tables - 1, bf16_table), size_mul(V, row_bytes))};
+          size_add(size_mul(tables - 1, bf16_table), layers::Embedding::staging_bytes(c.unembed_quant, d, threads))};
 }
 
 // Adds parts to the estimate and keeps the name of the first that overflows.
@@ -132,7 +132,7 @@ class Estimator {
         heads_(config_entry("num_heads", c.num_heads) + " x " + config_entry("head_dim", c.head_dim)) {}
 
   ModelMemory estimate(std::uint64_t threads) {
-    const EmbeddingBytes embedding = embedding_bytes(c_);
+    const EmbeddingBytes embedding = embedding_bytes(c_, threads);
     add_weights(embedding);
     add_caches();
     add_buffers(threads);
@@ -215,15 +215,15 @@ ModelMemory estimate_model_memory(const InitConfig& config, std::uint64_t thread
   return Estimator(config).estimate(threads);
 }
 
-std::uint64_t bytes_for_embedding(const InitConfig& config) {
-  const EmbeddingBytes embedding = embedding_bytes(config);
+std::uint64_t bytes_for_embedding(const InitConfig& config, std::uint64_t threads) {
+  const EmbeddingBytes embedding = embedding_bytes(config, threads);
   return size_add(embedding.resident, embedding.loading);
 }
 
 std::uint64_t bytes_before_layers(const InitConfig& c, std::uint64_t threads) {
-  const std::uint64_t after_embedding = size_add(embedding_bytes(c).resident, final_norm_bytes(c),
+  const std::uint64_t after_embedding = size_add(embedding_bytes(c, threads).resident, final_norm_bytes(c),
                                                  rotary_table_bytes(c), ModelScratch::bytes_needed(c, threads));
-  return std::max(bytes_for_embedding(c), after_embedding);
+  return std::max(bytes_for_embedding(c, threads), after_embedding);
 }
 
 }  // namespace quorvel

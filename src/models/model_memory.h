@@ -38,7 +38,7 @@ std::string config_entry(const char* key, std::uint64_t value);
 // What building has allocated at its peak by two points of its order: once
 // the token embedding is read, and once everything but the layers is (the
 // embedding, the final norm, the rotary tables and the scratch buffers).
-std::uint64_t bytes_for_embedding(const InitConfig& config);
+std::uint64_t bytes_for_embedding(const InitConfig& config, std::uint64_t threads);
 std::uint64_t bytes_before_layers(const InitConfig& config, std::uint64_t threads);
 
 }  // namespace quorvel

@@ -53,7 +53,7 @@ std::optional<std::uint64_t> bytes_before_model_refusal(const InitConfig& c) {
   const auto arch = static_cast<ArchType>(c.arch_type);
   if (!is_known_architecture(c.arch_type)) return 0;
   if (c.hidden_dim % kGroupWidth != 0) {
-    return arch == ArchType::BONSAI || arch == ArchType::BONSAI_TERNARY ? 0 : bytes_for_embedding(c);
+    return arch == ArchType::BONSAI || arch == ArchType::BONSAI_TERNARY ? 0 : bytes_for_embedding(c, thread_count());
   }
   const std::vector<std::unique_ptr<layers::TransformerLayerBase>> layer_array;
   const std::vector<std::uint64_t> widths = layer_widths_in_groups(c);

@@ -308,5 +308,33 @@ TEST(AutoQ8_0LinearTest, OddWidthIsQuantizedRowByRowAtLoad) {
   EXPECT_EQ(std::vector<std::uint8_t>(layer.weights(), layer.weights() + expected.size()), expected);
 }
 
+// The bf16 source is read a batch of rows at a time (1 MiB of them: 512
+// rows of 1024 values here, so three batches, the last one short): every
+// batch must land on its own rows, and a file ending in a later batch must
+// report the bytes of the whole source read so far.
+TEST(AutoQ8_0LinearTest, SourcesOfSeveralBatchesAreQuantizedAndReportedWhole) {
+  constexpr std::uint64_t in = 1024, out = 1200;
+  std::mt19937 rng(11);
+  const std::vector<bf16> source = random_bf16(rng, in * out);
+  ByteWriter w;
+  quorvel::testing::write_bf16(w, source);
+  {
+    auto stream = binary_stream(w.bytes());
+    AutoQ8_0Linear layer(stream, in, out, 1, false, QuantFormat::NONE);
+    std::vector<std::uint8_t> expected(out * layer.row_bytes(), 0);
+    k().quantize_rows_q8_0(source.data(), out, in, expected.data());
+    EXPECT_EQ(std::vector<std::uint8_t>(layer.weights(), layer.weights() + expected.size()), expected);
+  }
+  const std::uint64_t cut = 1030 * in * 2 + 6;
+  quorvel::testing::expect_short_read(
+      [&] {
+        auto stream = binary_stream(w.bytes().substr(0, cut));
+        AutoQ8_0Linear layer(stream, in, out, 1, false, QuantFormat::NONE);
+      },
+      "Could not read Q8_0 source BF16 weights: read_bytes (" + std::to_string(cut) + ") != " +
+          std::to_string(in * out * 2) + "; EOF: 1, FTELL: -1",
+      "Failed to read Q8_0 source BF16 weights");
+}
+
 }  // namespace
 }  // namespace quorvel::layers

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -252,6 +253,23 @@ TEST_F(EmbeddingTest, LogitsAreTheSameWithPoolOrInline) {
     quorvel::testing::run_inside_job([&] { inline_token = inline_rows.unembed(embedding, hidden, 3); });
     EXPECT_EQ(pooled.logits, inline_rows.logits) << static_cast<int>(format);
     EXPECT_EQ(token, inline_token);
+  }
+}
+
+// The output table is built a group of 32 rows at a time over the pool; the
+// same table must come out when the whole build runs on one thread.
+TEST_F(EmbeddingTest, OutputTableIsTheSameBuiltOverThePoolOrInline) {
+  for (QuantFormat format : {QuantFormat::INT8, QuantFormat::Q4_0, QuantFormat::Q8_0}) {
+    const Embedding pooled = load(format);
+    std::unique_ptr<Embedding> inline_built;
+    quorvel::testing::run_inside_job([&] {
+      auto stream = binary_stream(payload(false));
+      inline_built = std::make_unique<Embedding>(stream, kVocab, kDim, false, format);
+    });
+    const std::uint64_t bytes = 96 * pooled.output_row_bytes();
+    EXPECT_EQ(std::vector<std::uint8_t>(pooled.output_table(), pooled.output_table() + bytes),
+              std::vector<std::uint8_t>(inline_built->output_table(), inline_built->output_table() + bytes))
+        << static_cast<int>(format);
   }
 }
 
