@@ -53,10 +53,11 @@ template <typename Isa, int kTokens>
 }
 
 // Rows [first, first + n) (n <= kLanes; lanes past the last row repeat it)
-// for the prepared tokens; out points at token 0's row `first`.
-template <typename Isa, int kTokens>
+// for kPasses prepared passes x[0 .. kPasses) of kTokens tokens each, whose
+// tokens follow one another; out points at the first token's row `first`.
+template <typename Isa, int kTokens, int kPasses>
 void transposed_pass(const std::uint8_t* w, std::size_t row_bytes, std::size_t first, std::size_t n,
-                     const PreparedActivations& x, bf16* out, std::size_t out_stride) {
+                     const PreparedActivations* x, bf16* out, std::size_t out_stride) {
   constexpr std::size_t kRows = Isa::kLanes;
   const std::uint8_t* row[kRows];
   alignas(Isa::kVectorBytes) std::int32_t scale_offsets[kRows];
@@ -65,35 +66,41 @@ void transposed_pass(const std::uint8_t* w, std::size_t row_bytes, std::size_t f
     scale_offsets[r] = static_cast<std::int32_t>(row[r] - row[0]) + offsetof(formats::BlockQ8_0, d);
   }
   const typename Isa::Ints scale_index = Isa::load(scale_offsets);
-  const PassPrefetch<Isa> prefetch(row[0], kRows * row_bytes, x.blocks);
-  typename Isa::Floats acc[kTokens];
+  const PassPrefetch<Isa> prefetch(row[0], kRows * row_bytes, x[0].blocks);
+  typename Isa::Floats acc[kPasses][kTokens];
 #pragma GCC unroll 8
-  for (int t = 0; t < kTokens; ++t) acc[t] = Isa::F32::zero();
-  for (std::size_t b = 0; b < x.blocks; ++b) {
+  for (int i = 0; i < kPasses * kTokens; ++i) acc[i / kTokens][i % kTokens] = Isa::F32::zero();
+  for (std::size_t b = 0; b < x[0].blocks; ++b) {
     prefetch.step(b);
     const std::size_t offset = b * sizeof(formats::BlockQ8_0);
     typename Isa::SignedCodes codes[kQ8_0Words];
     load_column<Isa>(row, offset, codes);
     const typename Isa::Floats d = Isa::as_floats(Isa::gather_words(row[0] + offset, scale_index));
 #pragma GCC unroll 8
-    for (int t = 0; t < kTokens; ++t) acc[t] = acc[t] + d * Isa::to_floats(block_sums<Isa, kTokens>(codes, x, t, b));
+    for (int i = 0; i < kPasses * kTokens; ++i) {
+      auto& a = acc[i / kTokens][i % kTokens];
+      a = a + d * Isa::to_floats(block_sums<Isa, kTokens>(codes, x[i / kTokens], i % kTokens, b));
+    }
   }
 #pragma GCC unroll 8
-  for (int t = 0; t < kTokens; ++t) {
-    store_lanes<Isa, 1>(acc[t] * Isa::F32::set1(x.scales[t]), out + t * out_stride, 0, n);
+  for (int i = 0; i < kPasses * kTokens; ++i) {
+    const auto scale = Isa::F32::set1(x[i / kTokens].scales[i % kTokens]);
+    store_lanes<Isa, 1>(acc[i / kTokens][i % kTokens] * scale, out + i * out_stride, 0, n);
   }
 }
 
-template <typename Isa, int kTokens>
-void transposed_rows(const std::uint8_t* w, std::size_t rows, std::size_t row_bytes, const PreparedActivations& x,
+template <typename Isa, int kTokens, int kPasses = 1>
+void transposed_rows(const std::uint8_t* w, std::size_t rows, std::size_t row_bytes, const PreparedActivations* x,
                      bf16* out, std::size_t out_stride) {
   constexpr std::size_t kRows = Isa::kLanes;
   for (std::size_t r = 0; r < rows; r += kRows) {
-    transposed_pass<Isa, kTokens>(w, row_bytes, r, rows - r < kRows ? rows - r : kRows, x, out + r, out_stride);
+    transposed_pass<Isa, kTokens, kPasses>(w, row_bytes, r, rows - r < kRows ? rows - r : kRows, x, out + r,
+                                           out_stride);
   }
 }
 
-// A call's tokens go in groups of at most this many, prepared once each;
+// A call's tokens go in groups of at most this many, prepared once each (in
+// passes of four, two and one; two passes of four run together as eight);
 // every chunk of rows then meets all of a group's token passes before the
 // next chunk starts, so that its weights come from the core's own cache
 // after the first pass. A chunk holds as many whole transposed passes of
@@ -137,11 +144,18 @@ void transposed_group(const std::uint8_t* w, const std::int8_t* x, const float* 
   for (std::size_t r = 0; r < rows; r += chunk) {
     const std::uint8_t* weights = w + r * row_bytes;
     const std::size_t n = rows - r < chunk ? rows - r : chunk;
-    for (std::size_t p = 0; p < n_passes; ++p) {
+    for (std::size_t p = 0; p < n_passes;) {
       bf16* pass_out = out + passes[p].first * out_stride + r;
-      if (passes[p].count == 4) transposed_rows<Isa, 4>(weights, n, row_bytes, prepared[p], pass_out, out_stride);
-      if (passes[p].count == 2) transposed_rows<Isa, 2>(weights, n, row_bytes, prepared[p], pass_out, out_stride);
-      if (passes[p].count == 1) transposed_rows<Isa, 1>(weights, n, row_bytes, prepared[p], pass_out, out_stride);
+      const PreparedActivations* x_pass = prepared + p;
+      if (passes[p].count == 4 && p + 1 < n_passes && passes[p + 1].count == 4) {
+        transposed_rows<Isa, 4, 2>(weights, n, row_bytes, x_pass, pass_out, out_stride);
+        p += 2;
+        continue;
+      }
+      if (passes[p].count == 4) transposed_rows<Isa, 4>(weights, n, row_bytes, x_pass, pass_out, out_stride);
+      if (passes[p].count == 2) transposed_rows<Isa, 2>(weights, n, row_bytes, x_pass, pass_out, out_stride);
+      if (passes[p].count == 1) transposed_rows<Isa, 1>(weights, n, row_bytes, x_pass, pass_out, out_stride);
+      ++p;
     }
   }
 }
