@@ -113,9 +113,10 @@ struct TokenPass {
   std::size_t count;
 };
 
-// The prepared passes of one group, kept per thread from call to call.
+// The prepared passes of one group (a group short of a multiple of four ends
+// in a pass of two and one of one), kept per thread from call to call.
 inline PreparedActivations* prepared_passes() {
-  thread_local std::vector<PreparedActivations> passes(kGroupTokens / PreparedActivations::kMaxTokens + 2);
+  thread_local std::vector<PreparedActivations> passes(kGroupTokens / PreparedActivations::kMaxTokens + 1);
   return passes.data();
 }
 
@@ -147,15 +148,17 @@ void transposed_group(const std::uint8_t* w, const std::int8_t* x, const float* 
     for (std::size_t p = 0; p < n_passes;) {
       bf16* pass_out = out + passes[p].first * out_stride + r;
       const PreparedActivations* x_pass = prepared + p;
-      if (passes[p].count == 4 && p + 1 < n_passes && passes[p + 1].count == 4) {
+      const bool paired = passes[p].count == 4 && p + 1 < n_passes && passes[p + 1].count == 4;
+      if (paired) {
         transposed_rows<Isa, 4, 2>(weights, n, row_bytes, x_pass, pass_out, out_stride);
-        p += 2;
-        continue;
+      } else if (passes[p].count == 4) {
+        transposed_rows<Isa, 4>(weights, n, row_bytes, x_pass, pass_out, out_stride);
+      } else if (passes[p].count == 2) {
+        transposed_rows<Isa, 2>(weights, n, row_bytes, x_pass, pass_out, out_stride);
+      } else {
+        transposed_rows<Isa, 1>(weights, n, row_bytes, x_pass, pass_out, out_stride);
       }
-      if (passes[p].count == 4) transposed_rows<Isa, 4>(weights, n, row_bytes, x_pass, pass_out, out_stride);
-      if (passes[p].count == 2) transposed_rows<Isa, 2>(weights, n, row_bytes, x_pass, pass_out, out_stride);
-      if (passes[p].count == 1) transposed_rows<Isa, 1>(weights, n, row_bytes, x_pass, pass_out, out_stride);
-      ++p;
+      p += paired ? 2 : 1;
     }
   }
 }
