@@ -12,7 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <vector>
+#include <memory>
 
 #include "runtime/formats/q8_0.h"
 #include "runtime/x86/lane_passes.h"
@@ -114,10 +114,16 @@ struct TokenPass {
 };
 
 // The prepared passes of one group (a group short of a multiple of four ends
-// in a pass of two and one of one), kept per thread from call to call.
+// in a pass of two and one of one). A type of this file's own, so that each
+// instruction set's copy of the code that frees it stays its own.
+struct PreparedGroup {
+  PreparedActivations passes[kGroupTokens / PreparedActivations::kMaxTokens + 1];
+};
+
+// Kept per thread from call to call.
 inline PreparedActivations* prepared_passes() {
-  thread_local std::vector<PreparedActivations> passes(kGroupTokens / PreparedActivations::kMaxTokens + 1);
-  return passes.data();
+  thread_local const std::unique_ptr<PreparedGroup> group = std::make_unique<PreparedGroup>();
+  return group->passes;
 }
 
 template <typename Isa>
