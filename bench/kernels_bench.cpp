@@ -127,6 +127,11 @@ const Product kProducts[] = {
      [](const KernelBase& kernels, ProductInputs& in) {
        kernels.gemm_q8_0(in.w.get(), in.x.get(), in.x_scales.get(), in.out.get(), kRows, 4, kRows, in.k);
      }},
+    {"gemm_q8_0_32_tokens", 32, [](std::size_t k) { return k / 32 * sizeof(formats::BlockQ8_0); },
+     [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ8_0>(w, bytes, 0.01f); },
+     [](const KernelBase& kernels, ProductInputs& in) {
+       kernels.gemm_q8_0(in.w.get(), in.x.get(), in.x_scales.get(), in.out.get(), kRows, 32, kRows, in.k);
+     }},
 };
 
 ProductInputs make_inputs(const Product& product, std::size_t k) {

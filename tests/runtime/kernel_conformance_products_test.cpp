@@ -153,6 +153,18 @@ TEST_P(ProductConformance, Q8_0SeveralTokens) {
   sweep_gemm("gemm_q8_0", &KernelBase::gemm_q8_0, kQ8_0Layout, {32, 40, 100, 1024, 2561});
 }
 
+// The tiles of the several-token q8_0 product: row counts on and off the
+// 8- and 16-row passes, rows in several cached chunks (k = 2561 makes rows of
+// 2916 bytes), token counts past one and two groups of passes, a partial
+// last block.
+TEST_P(ProductConformance, Q8_0SeveralTokensTileEdges) {
+  for (std::size_t k : {40, 2561}) {
+    for (std::size_t tokens : {17, 33, 70}) {
+      for (std::size_t rows : {7, 16, 24, 33, 100}) check_gemm("gemm_q8_0", &KernelBase::gemm_q8_0, kQ8_0Layout, tokens, rows, k);
+    }
+  }
+}
+
 // Rows longer than the SIMD sets prepare on the stack take the portable code
 // and must still agree.
 TEST_P(ProductConformance, RowsBeyondThePreparedLengthStillAgree) {

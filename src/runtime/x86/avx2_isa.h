@@ -33,8 +33,6 @@ struct Isa {
   static constexpr std::size_t kVectorBytes = 32;
   // Partial stores go through a lane array (no masked 16-bit stores).
   static constexpr bool kMaskedStores = false;
-  // The several-token q8_0 product runs on the block engine.
-  static constexpr bool kTransposedQ8_0Gemm = false;
 
   [[gnu::always_inline]] static Ints zero() { return _mm256_setzero_si256(); }
   [[gnu::always_inline]] static Ints set1(std::int32_t v) { return _mm256_set1_epi32(v); }
@@ -62,6 +60,24 @@ struct Isa {
   }
   // The 32 bytes at p in every 32-byte piece of a vector.
   [[gnu::always_inline]] static Ints load_in_every_piece(const void* p) { return loadu(p); }
+
+  // Lane r of words[j] = the 32-bit word j of the 32 bytes at row[r] + offset.
+  // Rows r and r + 4 share a vector per 16-byte half, so that a 4 x 4
+  // transpose within each 128-bit lane finishes the job.
+  [[gnu::always_inline]] static void transpose_words(const std::uint8_t* const (&row)[kLanes], std::size_t offset,
+                                                     Ints (&words)[8]) {
+    #pragma GCC unroll 2
+    for (int half = 0; half < 2; ++half) {
+      Ints pairs[4];
+      #pragma GCC unroll 4
+      for (int i = 0; i < 4; ++i) {
+        const auto* low = reinterpret_cast<const __m128i*>(row[i] + offset + 16 * half);
+        const auto* high = reinterpret_cast<const __m128i*>(row[i + 4] + offset + 16 * half);
+        pairs[i] = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(low)), _mm_loadu_si128(high), 1);
+      }
+      transpose_4x4(pairs, words + 4 * half);
+    }
+  }
 
   // Lane i of the result = the sum of the eight 32-bit lanes of v[i].
   [[gnu::always_inline]] static Ints sum_lanes(const Ints (&v)[kLanes]) {
@@ -214,6 +230,15 @@ struct Isa {
   [[gnu::always_inline]] static HalfInts high_half(Ints v) { return _mm256_extracti128_si256(v, 1); }
 
  private:
+  // Within each 128-bit lane: word j of out[i] = word i of in[j].
+  [[gnu::always_inline]] static void transpose_4x4(const Ints (&in)[4], Ints* out) {
+    const Ints t0 = _mm256_unpacklo_epi32(in[0], in[1]), t1 = _mm256_unpackhi_epi32(in[0], in[1]);
+    const Ints t2 = _mm256_unpacklo_epi32(in[2], in[3]), t3 = _mm256_unpackhi_epi32(in[2], in[3]);
+    out[0] = _mm256_unpacklo_epi64(t0, t2);
+    out[1] = _mm256_unpackhi_epi64(t0, t2);
+    out[2] = _mm256_unpacklo_epi64(t1, t3);
+    out[3] = _mm256_unpackhi_epi64(t1, t3);
+  }
   // Sixteen 16-bit sums of byte-product pairs over kCount vectors, added as
   // a balanced tree.
   template <int kCount>

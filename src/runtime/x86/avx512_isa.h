@@ -3,8 +3,7 @@
 // does that AVX2 cannot shows in the trait: VPDPBUSD multiplies unsigned by
 // signed bytes straight into 32-bit lanes (signed weights are flipped to
 // w + 128 and 128 * sum(x) comes off the sums), a vector holds two 32-value
-// blocks or two tile rows, partial stores take a mask, and the several-token
-// q8_0 product has a transposed engine of its own (q8_0_gemm_avx512.cpp).
+// blocks or two tile rows, and partial stores take a mask.
 //
 // Included only by *_avx512.cpp files (compiled with the AVX-512 flags).
 // Every function sits in namespace avx512, and every generic template takes
@@ -34,7 +33,6 @@ struct Isa {
   static constexpr int kLanes = 16;
   static constexpr std::size_t kVectorBytes = 64;
   static constexpr bool kMaskedStores = true;
-  static constexpr bool kTransposedQ8_0Gemm = true;
 
   [[gnu::always_inline]] static Ints zero() { return _mm512_setzero_si512(); }
   [[gnu::always_inline]] static Ints set1(std::int32_t v) { return _mm512_set1_epi32(v); }
@@ -233,10 +231,35 @@ struct Isa {
   [[gnu::always_inline]] static HalfInts low_half(Ints v) { return _mm512_castsi512_si256(v); }
   [[gnu::always_inline]] static HalfInts high_half(Ints v) { return _mm512_extracti64x4_epi64(v, 1); }
 
-  // The several-token q8_0 product by transposed block columns
-  // (q8_0_gemm_avx512.cpp); k fits the prepared activations.
-  static void transposed_q8_0_gemm(const void* w, const std::int8_t* x, const float* x_scales, bf16* out,
-                                   std::size_t out_stride, std::size_t n_tokens, std::size_t rows, std::size_t k);
+  // Lane r of words[j] = the 32-bit word j of the 32 bytes at row[r] + offset.
+  // Rows a and a + 4 share a vector (a in 0-3 and 8-11); a 4 x 4 transpose
+  // within each 128-bit lane leaves words j and j + 4 of four rows in
+  // alternate lanes, which one shuffle per word pairs up across the groups.
+  [[gnu::always_inline]] static void transpose_words(const std::uint8_t* const (&row)[kLanes], std::size_t offset,
+                                                     Ints (&words)[8]) {
+    Ints quads[2][4];  // quads[g][k], 128-bit lane L: word k (L even) or 4 + k (L odd) of four rows
+    #pragma GCC unroll 2
+    for (int g = 0; g < 2; ++g) {
+      Ints pairs[4];
+      #pragma GCC unroll 4
+      for (int i = 0; i < 4; ++i) {
+        const auto* low = reinterpret_cast<const __m256i*>(row[8 * g + i] + offset);
+        const auto* high = reinterpret_cast<const __m256i*>(row[8 * g + i + 4] + offset);
+        pairs[i] = _mm512_inserti64x4(_mm512_castsi256_si512(_mm256_loadu_si256(low)), _mm256_loadu_si256(high), 1);
+      }
+      const Ints t0 = _mm512_unpacklo_epi32(pairs[0], pairs[1]), t1 = _mm512_unpackhi_epi32(pairs[0], pairs[1]);
+      const Ints t2 = _mm512_unpacklo_epi32(pairs[2], pairs[3]), t3 = _mm512_unpackhi_epi32(pairs[2], pairs[3]);
+      quads[g][0] = _mm512_unpacklo_epi64(t0, t2);
+      quads[g][1] = _mm512_unpackhi_epi64(t0, t2);
+      quads[g][2] = _mm512_unpacklo_epi64(t1, t3);
+      quads[g][3] = _mm512_unpackhi_epi64(t1, t3);
+    }
+    #pragma GCC unroll 4
+    for (int k = 0; k < 4; ++k) {
+      words[k] = lanes_of<_MM_SHUFFLE(2, 0, 2, 0)>(quads[0][k], quads[1][k]);
+      words[4 + k] = lanes_of<_MM_SHUFFLE(3, 1, 3, 1)>(quads[0][k], quads[1][k]);
+    }
+  }
 
  private:
   // quads[i] holds, in each 128-bit lane L, the partial sums of v[4i .. 4i+3]

@@ -4,9 +4,8 @@
 // signed dot product; where a vector holds 64 bytes, two blocks of a row
 // fill one. A row whose length is not a whole number of blocks ends in a
 // partial block whose missing codes meet the prepared activations' zero
-// padding. Where the trait has a transposed several-token engine
-// (kTransposedQ8_0Gemm), gemm_q8_0 takes it: it shares each block column's
-// transpose among the tokens of a pass.
+// padding. gemm_q8_0 takes the transposed engine (q8_0_transposed_gemm.h),
+// which shares each block column's transpose among the tokens of a pass.
 #pragma once
 
 #include <cstddef>
@@ -14,6 +13,7 @@
 #include "runtime/formats/q8_0.h"
 #include "runtime/x86/block_products.h"
 #include "runtime/x86/intrinsics.h"
+#include "runtime/x86/q8_0_transposed_gemm.h"
 #include "runtime/x86/x86_kernels.h"
 
 namespace quorvel::kernels::x86 {
@@ -49,14 +49,10 @@ struct Q8_0Format {
 template <typename Isa>
 void X86Kernels<Isa>::gemm_q8_0(const void* w, const std::int8_t* x, const float* x_scales, bf16* out,
                                 size_t out_stride, size_t n_tokens, size_t rows, size_t k) const {
-  if constexpr (Isa::kTransposedQ8_0Gemm) {
-    if (k <= PreparedActivations::kMaxValues) {
-      return Isa::transposed_q8_0_gemm(w, x, x_scales, out, out_stride, n_tokens, rows, k);
-    }
-  } else {
-    if (plain_products<Isa, Q8_0Format<Isa>>(w, x, x_scales, n_tokens, rows, k, out, out_stride)) return;
+  if (k > PreparedActivations::kMaxValues) {
+    return PortableKernels::gemm_q8_0(w, x, x_scales, out, out_stride, n_tokens, rows, k);
   }
-  PortableKernels::gemm_q8_0(w, x, x_scales, out, out_stride, n_tokens, rows, k);
+  transposed_q8_0_gemm<Isa>(w, x, x_scales, out, out_stride, n_tokens, rows, k);
 }
 
 template <typename Isa>

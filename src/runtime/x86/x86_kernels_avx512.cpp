@@ -1,6 +1,6 @@
 // The AVX-512 kernel set: every family of overrides instantiated with the
 // AVX-512 lane trait, here alone (this file is compiled with the AVX-512
-// F/BW/VL/VNNI flags); the transposed q8_0 engine is q8_0_gemm_avx512.cpp.
+// F/BW/VL/VNNI flags).
 #include "runtime/x86/avx512_isa.h"
 #include "runtime/x86/x86_kernel_families.h"
 
