@@ -57,18 +57,18 @@ template <typename Isa>
   return Isa::sub(Isa::template shift_left<1>(set_sums), Isa::set1(x_sum));
 }
 
-// The first n (<= 16) rows of one tile against one prepared token; out points at the tile's first row.
+// The first n (<= 16) rows of one tile against prepared token t; out points at the tile's first row.
 template <typename Isa>
-void tile_product(const Q1_0TileBlock* tile, const PreparedActivations& x, float x_scale, bf16* out,
+void tile_product(const Q1_0TileBlock* tile, const PreparedActivations& x, std::size_t t, bf16* out,
                   std::size_t n) {
   typename Isa::Floats acc[kVectorsPerTile<Isa>];
   #pragma GCC unroll 2
   for (int part = 0; part < kVectorsPerTile<Isa>; ++part) acc[part] = Isa::F32::zero();
   for (std::size_t b = 0; b < x.blocks; ++b) {
-    const std::int8_t* codes = x.codes[0] + b * Q1_0TileBlock::kValues;
+    const std::int8_t* codes = x.codes[t] + b * Q1_0TileBlock::kValues;
     #pragma GCC unroll 2
     for (int part = 0; part < kVectorsPerTile<Isa>; ++part) {
-      const auto sums = tile_block_sums<Isa>(tile[b], part, codes, x.block_sums[b]);
+      const auto sums = tile_block_sums<Isa>(tile[b], part, codes, x.block_sums[b * x.tokens + t]);
       acc[part] = acc[part] + Isa::F32::load_bf16(tile[b].d + part * Isa::kLanes) * Isa::to_floats(sums);
     }
   }
@@ -77,7 +77,7 @@ void tile_product(const Q1_0TileBlock* tile, const PreparedActivations& x, float
     const std::size_t first = static_cast<std::size_t>(part) * Isa::kLanes;
     if (first < n) {
       const std::size_t count = n - first < Isa::kLanes ? n - first : Isa::kLanes;
-      store_lanes<Isa, 1>(acc[part] * Isa::F32::set1(x_scale), out + first, 0, count);
+      store_lanes<Isa, 1>(acc[part] * Isa::F32::set1(x.scales[t]), out + first, 0, count);
     }
   }
 }
@@ -94,14 +94,18 @@ void X86Kernels<Isa>::gemm_q1_0_tiles(const void* tiles, const std::int8_t* x, c
   const auto* blocks = static_cast<const Q1_0TileBlock*>(tiles);
   const std::size_t row_blocks = (k + Q1_0TileBlock::kValues - 1) / Q1_0TileBlock::kValues;
   constexpr std::size_t kRows = Q1_0TileBlock::kRows;
+  // Each tile meets up to four tokens in turn while its bytes are in cache.
   PreparedActivations prepared;
-  for (std::size_t t = 0; t < n_tokens; ++t) {
-    prepare_activations(prepared, x + t * k, x_scales + t, 1, k, Q1_0TileBlock::kValues, CodeOrder::natural);
+  token_passes(n_tokens, [&](std::size_t first, std::size_t tokens) {
+    prepare_activations(prepared, x + first * k, x_scales + first, tokens, k, Q1_0TileBlock::kValues,
+                        CodeOrder::natural);
     for (std::size_t r = 0; r < rows; r += kRows) {
-      tile_product<Isa>(blocks + r / kRows * row_blocks, prepared, x_scales[t], out + t * out_stride + r,
-                        rows - r < kRows ? rows - r : kRows);
+      for (std::size_t t = 0; t < tokens; ++t) {
+        tile_product<Isa>(blocks + r / kRows * row_blocks, prepared, t, out + (first + t) * out_stride + r,
+                          rows - r < kRows ? rows - r : kRows);
+      }
     }
-  }
+  });
 }
 
 }  // namespace quorvel::kernels::x86
