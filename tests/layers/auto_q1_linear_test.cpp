@@ -50,7 +50,8 @@ TEST(AutoQ1LinearTest, ForwardGivesThePlainRowProductsOfTheFile) {
     std::vector<bf16> expected(n * kOut), pooled(n * kOut), inline_rows(n * kOut);
     kernel_set.gemm_q1_0(rows.data(), codes.data(), scales.data(), expected.data(), kOut, n, kOut, kIn);
     layer.forward(codes.data(), scales.data(), n, pooled.data(), nullptr);
-    quorvel::testing::run_inside_job([&] { layer.forward(codes.data(), scales.data(), n, inline_rows.data(), nullptr); });
+    quorvel::testing::run_inside_job(
+        [&] { layer.forward(codes.data(), scales.data(), n, inline_rows.data(), nullptr); });
     EXPECT_TRUE(same_bits(pooled, expected));
     EXPECT_TRUE(same_bits(inline_rows, expected));
   }

@@ -29,7 +29,9 @@ struct Q1_0TileBlock {
 };
 static_assert(sizeof(Q1_0TileBlock) == Q1_0TileBlock::kRows * sizeof(BlockQ1_0));
 
-inline std::size_t q1_0_tile_count(std::size_t rows) { return (rows + Q1_0TileBlock::kRows - 1) / Q1_0TileBlock::kRows; }
+inline std::size_t q1_0_tile_count(std::size_t rows) {
+  return (rows + Q1_0TileBlock::kRows - 1) / Q1_0TileBlock::kRows;
+}
 
 // Regroups n_rows plain rows of `blocks` blocks each into
 // q1_0_tile_count(n_rows) * blocks tile blocks.

@@ -114,7 +114,8 @@ void tile_rows(const Q1_0TileBlock* tiles, std::size_t row_blocks, const Prepare
                std::size_t out_stride, std::size_t rows) {
   constexpr std::size_t kRows = Q1_0TileBlock::kRows;
   for (std::size_t r = 0; r < rows; r += kRows) {
-    tile_product<Isa, kTokens>(tiles + r / kRows * row_blocks, x, out + r, out_stride, rows - r < kRows ? rows - r : kRows);
+    const std::size_t n = rows - r < kRows ? rows - r : kRows;
+    tile_product<Isa, kTokens>(tiles + r / kRows * row_blocks, x, out + r, out_stride, n);
   }
 }
 
