@@ -1,8 +1,8 @@
 // Throughput of the single-token and four-token products of every weight
-// format (ternary, q1_0_128, q1.58, q8_0) and of the int8, q8_0 and q4_0
-// unembedding tables at K = 2048 and 4096, for every kernel set of the
-// registry that this machine can run, side by side, reported as weights/s
-// and bytes of weights/s.
+// format (ternary, q1_0_128 in plain rows and in tiles, q1.58, q8_0) and of
+// the int8, q8_0 and q4_0 unembedding tables at K = 2048 and 4096, for every
+// kernel set of the registry that this machine can run, side by side,
+// reported as weights/s and bytes of weights/s.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -14,6 +14,7 @@
 
 #include "runtime/aligned_buffer.h"
 #include "runtime/formats/q1_0.h"
+#include "runtime/formats/q1_0_tiles.h"
 #include "runtime/formats/q1_58.h"
 #include "runtime/formats/q4_0.h"
 #include "runtime/formats/q8_0.h"
@@ -62,6 +63,13 @@ void set_block_scales(std::uint8_t* w, std::size_t bytes, float scale) {
   }
 }
 
+void set_tile_scales(std::uint8_t* w, std::size_t bytes) {
+  auto* blocks = reinterpret_cast<formats::Q1_0TileBlock*>(w);
+  for (std::size_t b = 0; b < bytes / sizeof(formats::Q1_0TileBlock); ++b) {
+    for (bf16& d : blocks[b].d) d = quorvel::narrow_nearest_even(0.01f);
+  }
+}
+
 // A product over `tokens` activation rows: 1 for the single-token products,
 // 4 for the several-token ones (the layers hand them 4 tokens at a time), so
 // weights/s counts weight-times-token products.
@@ -82,6 +90,10 @@ const Product kProducts[] = {
      [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ1_0>(w, bytes, 0.01f); },
      [](const KernelBase& kernels, ProductInputs& in) {
        kernels.gemv_q1_0(in.w.get(), in.x.get(), 0.01f, in.out.get(), kRows, in.k);
+     }},
+    {"gemv_q1_0_tiles", 1, [](std::size_t k) { return k / 128 * sizeof(formats::BlockQ1_0); }, set_tile_scales,
+     [](const KernelBase& kernels, ProductInputs& in) {
+       kernels.gemm_q1_0_tiles(in.w.get(), in.x.get(), in.x_scales.get(), in.out.get(), kRows, 1, kRows, in.k);
      }},
     {"gemv_q1_58", 1, [](std::size_t k) { return k / 128 * sizeof(formats::BlockQ1_58); },
      [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ1_58>(w, bytes, 0.01f); },
@@ -122,15 +134,14 @@ const Product kProducts[] = {
      [](const KernelBase& kernels, ProductInputs& in) {
        kernels.gemm_q1_58(in.w.get(), in.x.get(), in.x_scales.get(), in.out.get(), kRows, 4, kRows, in.k);
      }},
+    {"gemm_q1_0_tiles", 4, [](std::size_t k) { return k / 128 * sizeof(formats::BlockQ1_0); }, set_tile_scales,
+     [](const KernelBase& kernels, ProductInputs& in) {
+       kernels.gemm_q1_0_tiles(in.w.get(), in.x.get(), in.x_scales.get(), in.out.get(), kRows, 4, kRows, in.k);
+     }},
     {"gemm_q8_0", 4, [](std::size_t k) { return k / 32 * sizeof(formats::BlockQ8_0); },
      [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ8_0>(w, bytes, 0.01f); },
      [](const KernelBase& kernels, ProductInputs& in) {
        kernels.gemm_q8_0(in.w.get(), in.x.get(), in.x_scales.get(), in.out.get(), kRows, 4, kRows, in.k);
-     }},
-    {"gemm_q8_0_32_tokens", 32, [](std::size_t k) { return k / 32 * sizeof(formats::BlockQ8_0); },
-     [](std::uint8_t* w, std::size_t bytes) { set_block_scales<formats::BlockQ8_0>(w, bytes, 0.01f); },
-     [](const KernelBase& kernels, ProductInputs& in) {
-       kernels.gemm_q8_0(in.w.get(), in.x.get(), in.x_scales.get(), in.out.get(), kRows, 32, kRows, in.k);
      }},
 };
 

@@ -18,8 +18,9 @@
 namespace quorvel::layers {
 namespace {
 
-// Decode splits the output rows in units of 4 so that each worker streams
-// whole weight rows; prefill splits the tokens in chunks of 4.
+// Decode splits the output rows in units of 4 (unless a layer asks for
+// larger ones) so that each worker streams whole weight rows; prefill
+// splits the tokens in chunks of 4.
 constexpr std::uint64_t kRowsPerUnit = 4;
 constexpr std::uint64_t kTokensPerChunk = 4;
 
@@ -67,6 +68,8 @@ void AutoLinear::read_bias(std::istream& stream) {
 
 std::int32_t AutoLinear::code_sum(const std::int8_t*) const { return 0; }
 
+std::uint64_t AutoLinear::rows_per_unit() const { return kRowsPerUnit; }
+
 bf16* AutoLinear::forward(const std::int8_t* x_q, const float* x_scale, std::uint64_t n, bf16* out,
                           const bf16* x_lora) {
   if (n == 1) {
@@ -81,7 +84,7 @@ bf16* AutoLinear::forward(const std::int8_t* x_q, const float* x_scale, std::uin
 
 void AutoLinear::multiply_one_token(const std::int8_t* x_q, float x_scale, bf16* out) const {
   const ActivationRow row{x_q, x_scale, code_sum(x_q)};
-  parallel_rows(out_shape_, {.unit_rows = kRowsPerUnit}, [&](std::uint64_t first, std::uint64_t count) {
+  parallel_rows(out_shape_, {.unit_rows = rows_per_unit()}, [&](std::uint64_t first, std::uint64_t count) {
     multiply_rows(row, first, count, out + first);
   });
 }

@@ -71,6 +71,9 @@ class AutoLinear {
   // The ternary kernel needs the sum of the row's codes; it is formed once
   // per forward, not once per row range. Other formats leave it 0.
   virtual std::int32_t code_sum(const std::int8_t* codes) const;
+  // The single-token product hands each worker a multiple of this many
+  // output rows (the last share may be shorter).
+  virtual std::uint64_t rows_per_unit() const;
   // Single-token product of output rows [first_row, first_row + rows) into
   // out[0 .. rows).
   virtual void multiply_rows(const ActivationRow& x, std::uint64_t first_row, std::uint64_t rows,

@@ -19,6 +19,7 @@
 #include "layers/auto_bit_linear.h"
 #include "layers/auto_q8_0_linear.h"
 #include "layers/layer_name.h"
+#include "layers/auto_q1_linear.h"
 #include "layers/packed_block_linear.h"
 #include "layers/transpose_copy.h"
 

@@ -15,7 +15,6 @@ PackedBlockLinear<kFormat, kClassName>::PackedBlockLinear(std::istream& stream, 
   read_bias(stream);
 }
 
-template class PackedBlockLinear<formats::kQ1_0Weights, "AutoQ1Linear">;
 template class PackedBlockLinear<formats::kQ1_58Weights, "AutoQ1_58Linear">;
 
 }  // namespace quorvel::layers

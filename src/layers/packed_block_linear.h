@@ -1,7 +1,8 @@
 // Weights stored in the model file exactly as they are multiplied: rows of
-// 128-weight blocks, one sign bit ("q1_0_128") or one ternary code ("q1.58")
-// per weight and a bf16 scale per block. The format table entry gives the
-// layout, the kernels and the format's name in messages.
+// 128-weight blocks, one ternary code ("q1.58") per weight and a bf16 scale
+// per block (q1_0_128 has a layer of its own, auto_q1_linear.h, which may
+// regroup its rows). The format table entry gives the layout, the kernels
+// and the format's name in messages.
 #pragma once
 
 #include <cstdint>
@@ -24,10 +25,8 @@ class PackedBlockLinear : public BlockLinear {
   static std::uint64_t weight_row_bytes(std::uint64_t in_shape) { return kFormat.layout.row_bytes(in_shape); }
 };
 
-using AutoQ1Linear = PackedBlockLinear<formats::kQ1_0Weights, "AutoQ1Linear">;
 using AutoQ1_58Linear = PackedBlockLinear<formats::kQ1_58Weights, "AutoQ1_58Linear">;
 
-extern template class PackedBlockLinear<formats::kQ1_0Weights, "AutoQ1Linear">;
 extern template class PackedBlockLinear<formats::kQ1_58Weights, "AutoQ1_58Linear">;
 
 }  // namespace quorvel::layers

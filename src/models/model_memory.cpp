@@ -7,6 +7,7 @@
 #include "layers/auto_q8_0_linear.h"
 #include "layers/embedding.h"
 #include "layers/embedding_q1.h"
+#include "layers/auto_q1_linear.h"
 #include "layers/packed_block_linear.h"
 #include "models/model_scratch.h"
 

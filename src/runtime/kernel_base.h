@@ -151,6 +151,14 @@ class KernelBase {
                          size_t n_tokens, size_t rows, size_t k) const = 0;
   virtual void gemv_q8_0(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,
                          size_t k) const = 0;
+  // q1_0_128 rows regrouped in tiles of sixteen (formats/q1_0_tiles.h),
+  // with the arithmetic of gemm_q1_0: rows [0, rows) of the tiles at
+  // `tiles` for each token t < n_tokens (activations at x + t * k, outputs
+  // at out + t * out_stride). The set multiplies plain q1_0_128 rows faster
+  // than tiles unless tiles_q1_0_rows() says otherwise.
+  virtual void gemm_q1_0_tiles(const void* tiles, const std::int8_t* x, const float* x_scales, bf16* out,
+                               size_t out_stride, size_t n_tokens, size_t rows, size_t k) const = 0;
+  virtual bool tiles_q1_0_rows() const = 0;
 
   // LoRA side products (37, 39-43): for each token t < n_tokens,
   //   h[r] = sum over i (in order) of x[t][i] * A[i][r]   (rank floats in work)

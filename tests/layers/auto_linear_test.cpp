@@ -11,6 +11,7 @@
 #include "layer_test_support.h"
 #include "layers/auto_bit_linear.h"
 #include "layers/auto_q8_0_linear.h"
+#include "layers/auto_q1_linear.h"
 #include "layers/packed_block_linear.h"
 #include "runtime/formats/q8_0.h"
 #include "runtime/kernel_base.h"
@@ -75,11 +76,14 @@ struct Q1_0 {
   static void write_weights(ByteWriter& w, std::mt19937& rng, std::uint64_t in, std::uint64_t out) {
     write_blocks(w, rng, out * (in / 128), 16, false);
   }
-  static void one_token(const Layer& l, const std::int8_t* x, float s, bf16* out) {
-    k().gemv_q1_0(l.weights(), x, s, out, l.out_shape(), l.in_shape());
-  }
+  // The layer keeps plain rows or tiles, as the kernel set prefers.
+  static void one_token(const Layer& l, const std::int8_t* x, float s, bf16* out) { tokens(l, x, &s, 1, out); }
   static void tokens(const Layer& l, const std::int8_t* x, const float* s, std::uint64_t n, bf16* out) {
-    k().gemm_q1_0(l.weights(), x, s, out, l.out_shape(), n, l.out_shape(), l.in_shape());
+    if (l.tiles()) {
+      k().gemm_q1_0_tiles(l.tiles(), x, s, out, l.out_shape(), n, l.out_shape(), l.in_shape());
+    } else {
+      k().gemm_q1_0(l.weights(), x, s, out, l.out_shape(), n, l.out_shape(), l.in_shape());
+    }
   }
 };
 

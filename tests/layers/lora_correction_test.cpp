@@ -19,6 +19,7 @@
 #include "layers/auto_bit_linear.h"
 #include "layers/auto_q8_0_linear.h"
 #include "layers/kv_cache_linear.h"
+#include "layers/auto_q1_linear.h"
 #include "layers/packed_block_linear.h"
 
 namespace quorvel::layers {

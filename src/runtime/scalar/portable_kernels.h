@@ -61,6 +61,9 @@ class PortableKernels : public KernelBase {
                  size_t n_tokens, size_t rows, size_t k) const override;
   void gemv_q1_0(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,
                  size_t k) const override;
+  void gemm_q1_0_tiles(const void* tiles, const std::int8_t* x, const float* x_scales, bf16* out, size_t out_stride,
+                       size_t n_tokens, size_t rows, size_t k) const override;
+  bool tiles_q1_0_rows() const override;
   void gemm_q1_58(const void* w, const std::int8_t* x, const float* x_scales, bf16* out, size_t out_stride,
                   size_t n_tokens, size_t rows, size_t k) const override;
   void gemv_q1_58(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,

@@ -16,6 +16,7 @@
 #include "runtime/x86/nibble_logits.h"
 #include "runtime/x86/norm_lanes.h"
 #include "runtime/x86/q1_0_products.h"
+#include "runtime/x86/q1_0_tile_products.h"
 #include "runtime/x86/q1_58_products.h"
 #include "runtime/x86/q8_0_products.h"
 #include "runtime/x86/quantize_lanes.h"

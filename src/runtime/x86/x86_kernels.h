@@ -59,6 +59,10 @@ class X86Kernels : public PortableKernels {
                  size_t n_tokens, size_t rows, size_t k) const override;
   void gemv_q8_0(const void* w, const std::int8_t* x, float x_scale, bf16* out, size_t rows,
                  size_t k) const override;
+  // q1_0_tile_products.h; tiles_q1_0_rows in x86_kernels.cpp.
+  void gemm_q1_0_tiles(const void* tiles, const std::int8_t* x, const float* x_scales, bf16* out, size_t out_stride,
+                       size_t n_tokens, size_t rows, size_t k) const override;
+  bool tiles_q1_0_rows() const override;
 
   // Unembedding (logits) products (i8_products.h, q8_0_products.h, nibble_logits.h).
   void gemv_i8_f32(const std::int8_t* w, const float* row_scales, const std::int8_t* x, float x_scale, float* out,
