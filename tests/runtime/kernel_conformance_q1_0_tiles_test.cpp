@@ -24,7 +24,7 @@ constexpr std::size_t kMargin = 3;
 std::vector<Q1_0TileBlock> tiled(const std::vector<std::uint8_t>& plain, std::size_t rows, std::size_t k) {
   const std::size_t blocks = kQ1_0Layout.blocks_per_row(k);
   std::vector<BlockQ1_0> copy(rows * blocks);
-  std::memcpy(copy.data(), plain.data(), plain.size());
+  if (!plain.empty()) std::memcpy(copy.data(), plain.data(), plain.size());
   std::vector<Q1_0TileBlock> tiles(formats::q1_0_tile_count(rows) * blocks);
   formats::tile_q1_0_rows(copy.data(), rows, blocks, tiles.data());
   return tiles;
