@@ -20,6 +20,7 @@
 #include "runtime/formats/q8_0.h"
 #include "runtime/kernel_base.h"
 #include "runtime/kernel_sets.h"
+#include "runnable_kernel_sets.h"
 
 namespace {
 
@@ -29,15 +30,6 @@ namespace formats = quorvel::formats;
 
 constexpr std::size_t kRows = 2048;
 constexpr std::size_t kInputLengths[] = {2048, 4096};
-
-// One instance of every set this processor supports, kept for the whole run.
-std::vector<std::unique_ptr<KernelBase>> runnable_kernel_sets() {
-  std::vector<std::unique_ptr<KernelBase>> sets;
-  for (const quorvel::kernels::KernelSet& set : quorvel::kernels::kernel_sets()) {
-    if (set.supported()) sets.push_back(set.make());
-  }
-  return sets;
-}
 
 // One matrix and activation row; the weights are random bytes with sane
 // scales, so that no denormal or NaN arithmetic distorts the timing.

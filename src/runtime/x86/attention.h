@@ -56,33 +56,39 @@ typename Isa::Floats add_position(typename Isa::Floats sum, const typename Isa::
   return sum + F::set1(e[c]) * F::widen(c < 8 ? Isa::low_half(m[c]) : Isa::high_half(m[c - 8]));
 }
 
-// acc[0..dims) += e_c * v[j][c] for positions c < positions, in order.
+// sum + e_c * v[j][c] for positions c < positions, in order, lane j being
+// dimension j of the tile.
 template <typename Isa>
-void add_value_tile(const bf16* v, std::size_t v_stride, std::size_t dims, const float* e, std::size_t positions,
-                    float* acc) {
+typename Isa::Floats add_value_tile(const bf16* v, std::size_t v_stride, std::size_t dims, const float* e,
+                                    std::size_t positions, typename Isa::Floats sum) {
   typename Isa::Ints m[8];
 #pragma GCC unroll 8
   for (std::size_t r = 0; r < 8; ++r) m[r] = Isa::value_tile_row(v, v_stride, r, dims, positions);
   transpose_within_128<Isa>(m);  // m[c]: position c in the low half, position 8 + c in the high half
-  auto sum = lanes::load_f32<typename Isa::F32>(acc, dims);
   if (positions == kTilePositions) {
 #pragma GCC unroll 16
     for (std::size_t c = 0; c < kTilePositions; ++c) sum = add_position<Isa>(sum, m, e, c);
   } else {
     for (std::size_t c = 0; c < positions; ++c) sum = add_position<Isa>(sum, m, e, c);
   }
-  lanes::store_f32<typename Isa::F32>(acc, sum, dims);
+  return sum;
 }
 
+// Each group of dimensions adds its tile's positions in one chain of
+// dependent additions; taking every group's tile before the next tile's
+// positions gives the processor as many independent chains as there are
+// groups, instead of one chain at a time.
 template <typename Isa>
 void add_values(const bf16* v, std::size_t v_stride, std::size_t head_dim, const float* e, std::size_t count,
                 float* acc) {
   constexpr std::size_t kTileDims = Isa::kTileDims;
-  for (std::size_t j = 0; j < head_dim; j += kTileDims) {
-    const std::size_t dims = head_dim - j < kTileDims ? head_dim - j : kTileDims;
-    for (std::size_t p = 0; p < count; p += kTilePositions) {
-      const std::size_t positions = count - p < kTilePositions ? count - p : kTilePositions;
-      add_value_tile<Isa>(v + j * v_stride + p, v_stride, dims, e + p, positions, acc + j);
+  for (std::size_t p = 0; p < count; p += kTilePositions) {
+    const std::size_t positions = count - p < kTilePositions ? count - p : kTilePositions;
+    for (std::size_t j = 0; j < head_dim; j += kTileDims) {
+      const std::size_t dims = head_dim - j < kTileDims ? head_dim - j : kTileDims;
+      const auto sum = lanes::load_f32<typename Isa::F32>(acc + j, dims);
+      lanes::store_f32<typename Isa::F32>(
+          acc + j, add_value_tile<Isa>(v + j * v_stride + p, v_stride, dims, e + p, positions, sum), dims);
     }
   }
 }
