@@ -79,16 +79,17 @@ void exponentials(float* scores, std::size_t count, float max) {
 
 // A block reads a few bytes of every value row (one row per dimension, a
 // cache row apart) and of every key row (one per position, all heads
-// apart): more separate streams than the hardware prefetchers follow. So a
-// block's values are fetched before its scores are formed, and the next
-// block's keys before this block's work starts.
+// apart): more separate streams than the hardware prefetchers follow. So
+// the next block's keys and values are fetched before this block's work
+// starts, into the second-level cache (a whole block's lines at once are
+// more than the first level's miss buffers hold).
 //
-// Fetches `rows` rows of `length` values, `stride` values apart, into the cache.
+// Fetches `rows` rows of `length` values, `stride` values apart.
 template <typename V>
 void prefetch_rows(const bf16* first_row, std::size_t stride, std::size_t rows, std::size_t length) {
   constexpr std::size_t kLineValues = 64 / sizeof(bf16);
   for (std::size_t r = 0; r < rows; ++r) {
-    for (std::size_t p = 0; p < length; p += kLineValues) __builtin_prefetch(first_row + r * stride + p, 0, 3);
+    for (std::size_t p = 0; p < length; p += kLineValues) __builtin_prefetch(first_row + r * stride + p, 0, 2);
   }
 }
 
