@@ -48,12 +48,15 @@ void transpose_within_128(typename Isa::Ints (&m)[8]) {
   }
 }
 
-// sum + e[c] * (the values of position c of the transposed tile).
+// sum + e[c] * (the values of position c of the tile, m regrouped by
+// position_pair). A bf16 value in the high half of a zero word is its float.
 template <typename Isa>
 typename Isa::Floats add_position(typename Isa::Floats sum, const typename Isa::Ints (&m)[8], const float* e,
                                   std::size_t c) {
   using F = typename Isa::F32;
-  return sum + F::set1(e[c]) * F::widen(c < 8 ? Isa::low_half(m[c]) : Isa::high_half(m[c - 8]));
+  const typename Isa::Ints values = c < 8 ? Isa::template interleave_low<16>(Isa::zero(), m[c])
+                                          : Isa::template interleave_high<16>(Isa::zero(), m[c - 8]);
+  return sum + F::set1(e[c]) * Isa::as_floats(values);
 }
 
 // sum + e_c * v[j][c] for positions c < positions, in order, lane j being
@@ -65,6 +68,8 @@ typename Isa::Floats add_value_tile(const bf16* v, std::size_t v_stride, std::si
 #pragma GCC unroll 8
   for (std::size_t r = 0; r < 8; ++r) m[r] = Isa::value_tile_row(v, v_stride, r, dims, positions);
   transpose_within_128<Isa>(m);  // m[c]: position c in the low half, position 8 + c in the high half
+#pragma GCC unroll 8
+  for (std::size_t c = 0; c < 8; ++c) m[c] = Isa::position_pair(m[c]);
   if (positions == kTilePositions) {
 #pragma GCC unroll 16
     for (std::size_t c = 0; c < kTilePositions; ++c) sum = add_position<Isa>(sum, m, e, c);

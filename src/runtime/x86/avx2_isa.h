@@ -25,7 +25,6 @@ namespace quorvel::kernels::x86::avx2 {
 struct Isa {
   static constexpr const char* kName = "avx2";
   using Ints = __m256i;
-  using HalfInts = __m128i;
   using Floats = __m256;
   using F32 = F32x8;
   using Q1Expansion = avx2::Q1Expansion;
@@ -226,8 +225,11 @@ struct Isa {
     if constexpr (kBits == 32) return _mm256_unpackhi_epi32(a, b);
     if constexpr (kBits == 64) return _mm256_unpackhi_epi64(a, b);
   }
-  [[gnu::always_inline]] static HalfInts low_half(Ints v) { return _mm256_castsi256_si128(v); }
-  [[gnu::always_inline]] static HalfInts high_half(Ints v) { return _mm256_extracti128_si256(v, 1); }
+  // A transposed value tile register holds dimensions 0-7 of position c in
+  // its low 128 bits and of position c + 8 in its high 128; this regroups it
+  // so that each 128-bit lane holds four dimensions of c, then the same four
+  // of c + 8, which interleaving with zero words widens to floats in order.
+  [[gnu::always_inline]] static Ints position_pair(Ints m) { return _mm256_permute4x64_epi64(m, 0xD8); }
 
  private:
   // Within each 128-bit lane: word j of out[i] = word i of in[j].

@@ -26,7 +26,6 @@ namespace quorvel::kernels::x86::avx512 {
 struct Isa {
   static constexpr const char* kName = "avx512";
   using Ints = __m512i;
-  using HalfInts = __m256i;
   using Floats = __m512;
   using F32 = F32x16;
   using Q1Expansion = avx512::Q1Expansion;
@@ -228,8 +227,13 @@ struct Isa {
     if constexpr (kBits == 32) return _mm512_unpackhi_epi32(a, b);
     if constexpr (kBits == 64) return _mm512_unpackhi_epi64(a, b);
   }
-  [[gnu::always_inline]] static HalfInts low_half(Ints v) { return _mm512_castsi512_si256(v); }
-  [[gnu::always_inline]] static HalfInts high_half(Ints v) { return _mm512_extracti64x4_epi64(v, 1); }
+  // A transposed value tile register holds dimensions 0-15 of position c in
+  // its low 256 bits and of position c + 8 in its high 256; this regroups it
+  // so that each 128-bit lane holds four dimensions of c, then the same four
+  // of c + 8, which interleaving with zero words widens to floats in order.
+  [[gnu::always_inline]] static Ints position_pair(Ints m) {
+    return _mm512_permutexvar_epi64(_mm512_setr_epi64(0, 4, 1, 5, 2, 6, 3, 7), m);
+  }
 
   // Lane r of words[j] = the 32-bit word j of the 32 bytes at row[r] + offset.
   // Rows a and a + 4 share a vector (a in 0-3 and 8-11); a 4 x 4 transpose
