@@ -6,12 +6,10 @@
 // contiguously. A tile of Isa::kTileDims dimensions by 16 positions is loaded
 // into eight registers (Isa::value_tile_row: one dimension row each, or two
 // sharing a register) and transposed within 128-bit lanes (an 8x8 transpose
-// of 16-bit values per lane), so that each position's values widen into one
-// f32 vector and the accumulators take their products in position order.
-// Each group of dimensions walks the block's positions before the next group
-// starts: its rows are read front to back, and the cache, whose rows lie a
-// power-of-two stride apart, keeps the few lines in use instead of a column
-// of every row.
+// of 16-bit values per lane); one regrouping per pair of positions
+// (Isa::position_pair) then lets each position's values widen into one f32
+// vector by an interleave with zero words, and the accumulators take their
+// products in position order.
 #pragma once
 
 #include <cstddef>
@@ -67,7 +65,7 @@ typename Isa::Floats add_value_tile(const bf16* v, std::size_t v_stride, std::si
   typename Isa::Ints m[8];
 #pragma GCC unroll 8
   for (std::size_t r = 0; r < 8; ++r) m[r] = Isa::value_tile_row(v, v_stride, r, dims, positions);
-  transpose_within_128<Isa>(m);  // m[c]: position c in the low half, position 8 + c in the high half
+  transpose_within_128<Isa>(m);  // m[c]: positions c and 8 + c
 #pragma GCC unroll 8
   for (std::size_t c = 0; c < 8; ++c) m[c] = Isa::position_pair(m[c]);
   if (positions == kTilePositions) {

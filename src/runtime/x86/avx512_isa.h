@@ -203,17 +203,17 @@ struct Isa {
   }
 
   // The attention value tiles: sixteen dimension rows of sixteen positions,
-  // rows r and r + 8 sharing a register, its 128-bit quarters ordered [r:
-  // positions 0-7, r + 8: 0-7, r: 8-15, r + 8: 8-15] so that the in-quarter
-  // transpose leaves each position's sixteen values in one half. Short rows
-  // load with masks.
+  // rows r and r + 8 sharing a register, its 128-bit quarters [r: positions
+  // 0-7, r: 8-15, r + 8: 0-7, r + 8: 8-15], so that after the in-quarter
+  // transpose register c holds position c's dimensions 0-7 and 8-15 in
+  // quarters 0 and 2, position c + 8's in quarters 1 and 3. Short rows load
+  // with masks.
   static constexpr std::size_t kTileDims = 16;
   [[gnu::always_inline]] static Ints value_tile_row(const bf16* v, std::size_t v_stride, std::size_t r,
                                                     std::size_t dims, std::size_t positions) {
     const __m256i first = r < dims ? load_positions(v + r * v_stride, positions) : _mm256_setzero_si256();
     const __m256i second = r + 8 < dims ? load_positions(v + (r + 8) * v_stride, positions) : _mm256_setzero_si256();
-    const __m512i both = _mm512_inserti64x4(_mm512_castsi256_si512(first), second, 1);
-    return _mm512_shuffle_i64x2(both, both, _MM_SHUFFLE(3, 1, 2, 0));
+    return _mm512_inserti64x4(_mm512_castsi256_si512(first), second, 1);
   }
   template <int kBits>
   [[gnu::always_inline]] static Ints interleave_low(Ints a, Ints b) {
@@ -227,12 +227,11 @@ struct Isa {
     if constexpr (kBits == 32) return _mm512_unpackhi_epi32(a, b);
     if constexpr (kBits == 64) return _mm512_unpackhi_epi64(a, b);
   }
-  // A transposed value tile register holds dimensions 0-15 of position c in
-  // its low 256 bits and of position c + 8 in its high 256; this regroups it
-  // so that each 128-bit lane holds four dimensions of c, then the same four
-  // of c + 8, which interleaving with zero words widens to floats in order.
+  // Regroups a transposed value tile register (above) so that each 128-bit
+  // lane holds four dimensions of position c, then the same four of c + 8,
+  // which interleaving with zero words widens to floats in order.
   [[gnu::always_inline]] static Ints position_pair(Ints m) {
-    return _mm512_permutexvar_epi64(_mm512_setr_epi64(0, 4, 1, 5, 2, 6, 3, 7), m);
+    return _mm512_permutex_epi64(m, 0xD8);
   }
 
   // Lane r of words[j] = the 32-bit word j of the 32 bytes at row[r] + offset.
