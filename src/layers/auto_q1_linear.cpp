@@ -1,9 +1,11 @@
 #include "layers/auto_q1_linear.h"
 
+#include <algorithm>
 #include <string>
 
 #include "layers/payload_read.h"
 #include "runtime/kernel_base.h"
+#include "runtime/parallel_rows.h"
 
 namespace quorvel::layers {
 
@@ -13,6 +15,18 @@ using formats::BlockQ1_0;
 using formats::Q1_0TileBlock;
 
 const PayloadText kWeightsText{"Could not read q1_0_128 weights: read_bytes (", "Failed to read q1_0_128 weights"};
+
+// The plain rows pass through a buffer of about this size, a whole number
+// of tiles, reused from batch to batch, so that the layer keeps only the
+// tiles and the buffer's pages stay in the cache instead of being faulted in
+// for every projection; the workers regroup a share of each batch.
+constexpr std::uint64_t kSourceBatchBytes = std::uint64_t{1} << 20;
+
+std::uint64_t source_batch_rows(std::uint64_t in_shape, std::uint64_t out_shape) {
+  const std::uint64_t row_bytes = std::max<std::uint64_t>(AutoQ1Linear::weight_row_bytes(in_shape), 1);
+  const std::uint64_t tiles = std::max<std::uint64_t>(kSourceBatchBytes / row_bytes / Q1_0TileBlock::kRows, 1);
+  return std::min(size_mul(tiles, Q1_0TileBlock::kRows), out_shape);
+}
 
 }  // namespace
 
@@ -32,14 +46,25 @@ std::uint64_t AutoQ1Linear::weight_row_bytes(std::uint64_t in_shape) {
   return formats::kQ1_0Weights.layout.row_bytes(in_shape);
 }
 
-// The plain rows pass through a buffer of their own, so that the layer
-// keeps only the tiles.
+std::uint64_t AutoQ1Linear::source_batch_bytes(std::uint64_t in_shape, std::uint64_t out_shape) {
+  return size_mul(source_batch_rows(in_shape, out_shape), weight_row_bytes(in_shape));
+}
+
 void AutoQ1Linear::read_tiles(std::istream& stream) {
+  constexpr std::uint64_t kRows = Q1_0TileBlock::kRows;
   const std::uint64_t blocks = in_shape() / BlockQ1_0::kValues;
-  const std::uint64_t count = size_mul(out_shape(), blocks);
-  const AlignedPtr<BlockQ1_0> rows = read_table<BlockQ1_0>(stream, count, kWeightsText);
+  const std::uint64_t row_bytes = weight_row_bytes(in_shape());
+  const std::uint64_t total_bytes = size_mul(out_shape(), row_bytes);
+  const std::uint64_t batch_rows = source_batch_rows(in_shape(), out_shape());
   tiles_ = allocate_aligned_elements<Q1_0TileBlock>(size_mul(formats::q1_0_tile_count(out_shape()), blocks));
-  formats::tile_q1_0_rows(rows.get(), out_shape(), blocks, tiles_.get());
+  const AlignedPtr<BlockQ1_0> source = allocate_aligned_elements<BlockQ1_0>(size_mul(batch_rows, blocks));
+  for (std::uint64_t row = 0; row < out_shape(); row += batch_rows) {
+    const std::uint64_t rows = std::min(batch_rows, out_shape() - row);
+    read_payload_piece(stream, source.get(), {row * row_bytes, rows * row_bytes, total_bytes}, kWeightsText);
+    parallel_rows(rows, {.unit_rows = kRows}, [&](std::uint64_t first, std::uint64_t n) {
+      formats::tile_q1_0_rows(source.get() + first * blocks, n, blocks, tiles_.get() + (row + first) / kRows * blocks);
+    });
+  }
 }
 
 std::uint64_t AutoQ1Linear::rows_per_unit() const {

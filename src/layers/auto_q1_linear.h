@@ -23,6 +23,10 @@ class AutoQ1Linear : public BlockLinear {
   // Bytes of one output row of weights in memory (plain or tiled alike).
   static std::uint64_t weight_row_bytes(std::uint64_t in_shape);
 
+  // The most bytes of plain rows held at once while the rows are regrouped
+  // at load.
+  static std::uint64_t source_batch_bytes(std::uint64_t in_shape, std::uint64_t out_shape);
+
   // The tiles, or nullptr where the rows stay plain (weights() then holds them).
   const formats::Q1_0TileBlock* tiles() const { return tiles_.get(); }
 

@@ -68,12 +68,15 @@ std::uint64_t layer_norm_bytes(const InitConfig& c) {
   return size_mul(values, sizeof(bf16));
 }
 
-// q8_0 weights arrive as bf16 and are quantized at load: a batch of a
-// projection's bf16 rows is held for a moment next to everything else.
+// q8_0 weights arrive as bf16 and are quantized at load, q1_0_128 rows may
+// be regrouped in tiles: a batch of a projection's rows as the file holds
+// them is held for a moment next to everything else.
 std::uint64_t largest_projection_source_bytes(const InitConfig& c) {
-  if (static_cast<ArchType>(c.arch_type) != ArchType::QWEN3 || c.num_layers == 0) return 0;
+  const auto arch = static_cast<ArchType>(c.arch_type);
+  if ((arch != ArchType::QWEN3 && arch != ArchType::BONSAI) || c.num_layers == 0) return 0;
   const Widths w = widths_of(c);
-  const auto batch = &layers::AutoQ8_0Linear::source_batch_bytes;
+  const auto batch =
+      arch == ArchType::QWEN3 ? &layers::AutoQ8_0Linear::source_batch_bytes : &layers::AutoQ1Linear::source_batch_bytes;
   return std::max({batch(w.hidden, w.query), batch(w.hidden, w.key_value), batch(w.query, w.hidden),
                    batch(w.hidden, w.intermediate), batch(w.intermediate, w.hidden)});
 }
