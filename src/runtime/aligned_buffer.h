@@ -10,10 +10,13 @@
 #include <new>
 
 #include "runtime/checked_size.h"
+#include "runtime/huge_pages.h"
 
 namespace quorvel {
 
 inline constexpr std::size_t kBufferAlignment = 128;
+// Buffers from this size on ask for huge pages (a few of them at least).
+inline constexpr std::size_t kHugePageBufferBytes = std::size_t{8} << 20;
 
 struct AlignedDeleter {
   void operator()(void* p) const { ::operator delete(p, std::align_val_t{kBufferAlignment}); }
@@ -31,6 +34,7 @@ AlignedPtr<T> allocate_aligned(std::size_t bytes) {
   // that cannot be rounded.
   if (bytes > std::numeric_limits<std::size_t>::max() - kBufferAlignment) throw std::bad_alloc();
   void* p = ::operator new(bytes == 0 ? kBufferAlignment : bytes, std::align_val_t{kBufferAlignment});
+  if (bytes >= kHugePageBufferBytes) advise_huge_pages(p, bytes);
   return AlignedPtr<T>(static_cast<T*>(p));
 }
 
