@@ -82,10 +82,13 @@ class AutoLinear {
   // x_scale[0 .. n_tokens)) against all output rows, out rows out_shape apart.
   virtual void multiply_tokens(const std::int8_t* x_q, const float* x_scale, std::uint64_t n_tokens,
                                bf16* out) const = 0;
+  // Spreads the several-token product of n tokens over the pool: chunks of
+  // 4 tokens handed out first come, first served, each against all rows.
+  virtual void multiply_several_tokens(const std::int8_t* x_q, const float* x_scale, std::uint64_t n,
+                                       bf16* out) const;
 
  private:
   void multiply_one_token(const std::int8_t* x_q, float x_scale, bf16* out) const;
-  void multiply_several_tokens(const std::int8_t* x_q, const float* x_scale, std::uint64_t n, bf16* out) const;
   void add_bias(bf16* out, std::uint64_t n) const;
   void add_bias_to_row(bf16* row) const;
   void apply_lora(const bf16* x_lora, std::uint64_t n, bf16* out) const;

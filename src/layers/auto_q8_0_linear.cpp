@@ -3,7 +3,9 @@
 #include <algorithm>
 
 #include "runtime/formats/format_table.h"
+#include "runtime/kernel_base.h"
 #include "runtime/parallel_rows.h"
+#include "runtime/thread_pool.h"
 
 namespace quorvel::layers {
 namespace {
@@ -15,6 +17,9 @@ const PayloadText kSourceText{"Could not read Q8_0 source BF16 weights: read_byt
 // batch to batch of rows, so that it stays in the cache and its pages are
 // touched once per layer instead of once per byte of the file.
 constexpr std::uint64_t kSourceBatchBytes = std::uint64_t{1} << 20;
+
+// Tokens of a tile of the several-token product (see the header).
+constexpr std::uint64_t kTileTokens = 8;
 
 std::uint64_t source_batch_rows(std::uint64_t in_shape) {
   return std::max<std::uint64_t>(1, kSourceBatchBytes / std::max<std::uint64_t>(size_mul(in_shape, sizeof(bf16)), 1));
@@ -35,6 +40,38 @@ std::uint64_t AutoQ8_0Linear::weight_row_bytes(std::uint64_t in_shape) {
 
 std::uint64_t AutoQ8_0Linear::source_batch_bytes(std::uint64_t in_shape, std::uint64_t out_shape) {
   return size_mul(std::min(source_batch_rows(in_shape), out_shape), in_shape, sizeof(bf16));
+}
+
+struct AutoQ8_0Linear::Tiling {
+  std::uint64_t rows;         // output rows of a tile
+  std::uint64_t token_tiles;  // tiles across the tokens, for each row range
+};
+
+void AutoQ8_0Linear::multiply_several_tokens(const std::int8_t* x_q, const float* x_scale, std::uint64_t n,
+                                             bf16* out) const {
+  const kernels::CpuFeatures features = kernels::kernels().features();
+  if (features.has_dot_product == 0 && features.has_int8_matrix == 0) {
+    AutoLinear::multiply_several_tokens(x_q, x_scale, n, out);
+    return;
+  }
+  const bool few_workers = thread_count() < 16;
+  const Tiling tiling{few_workers ? 64u : 128u, size_ceil_div(n, kTileTokens)};
+  const std::uint64_t tiles = size_mul(size_ceil_div(out_shape(), tiling.rows), tiling.token_tiles);
+  parallel_rows(tiles, {.chunk_units = few_workers ? 1u : 2u}, [&](std::uint64_t first, std::uint64_t count) {
+    for (std::uint64_t tile = first; tile < first + count; ++tile) multiply_tile(tiling, tile, x_q, x_scale, n, out);
+  });
+}
+
+// Tile t covers token tile t mod token_tiles of row range t / token_tiles.
+void AutoQ8_0Linear::multiply_tile(const Tiling& tiling, std::uint64_t tile, const std::int8_t* x_q,
+                                   const float* x_scale, std::uint64_t n, bf16* out) const {
+  const std::uint64_t first_row = tile / tiling.token_tiles * tiling.rows;
+  const std::uint64_t first_token = tile % tiling.token_tiles * kTileTokens;
+  const std::uint64_t rows = std::min(tiling.rows, out_shape() - first_row);
+  const std::uint64_t tokens = std::min(kTileTokens, n - first_token);
+  kernels::kernels().gemm_q8_0(weights() + first_row * row_bytes(), x_q + first_token * in_shape(),
+                               x_scale + first_token, out + first_token * out_shape() + first_row, out_shape(),
+                               tokens, rows, in_shape());
 }
 
 void AutoQ8_0Linear::quantize_from(std::istream& stream) {

@@ -23,7 +23,20 @@ class AutoQ8_0Linear : public BlockLinear {
   // batches of about 1 MiB of whole rows, at least one row.
   static std::uint64_t source_batch_bytes(std::uint64_t in_shape, std::uint64_t out_shape);
 
+ protected:
+  // Where the kernel set reports an 8-bit dot product (or integer matrix)
+  // feature, the tokens and rows are split in tiles instead of token chunks:
+  // tiles of 8 tokens by 128 output rows (64 below 16 workers), handed out
+  // first come, first served, 2 at a time (1 below 16 workers). The tiles of
+  // one row range follow each other, so its weights are read from memory
+  // once for all tokens and not once per chunk of 4.
+  void multiply_several_tokens(const std::int8_t* x_q, const float* x_scale, std::uint64_t n,
+                               bf16* out) const override;
+
  private:
+  struct Tiling;
+  void multiply_tile(const Tiling& tiling, std::uint64_t tile, const std::int8_t* x_q, const float* x_scale,
+                     std::uint64_t n, bf16* out) const;
   // Reads the bf16 source a batch of rows at a time and quantizes each
   // batch over the worker pool.
   void quantize_from(std::istream& stream);

@@ -340,5 +340,26 @@ TEST(AutoQ8_0LinearTest, SourcesOfSeveralBatchesAreQuantizedAndReportedWhole) {
       "Failed to read Q8_0 source BF16 weights");
 }
 
+// A set with the 8-bit dot product multiplies several tokens in tiles of
+// 8 tokens by 64 rows (with 2 workers): 200 rows end in a short row tile and
+// 17 tokens in a one-token tile; every tile must land on its own outputs,
+// from the pool and inline alike, as one product over all rows gives them.
+TEST(AutoQ8_0LinearTest, SeveralTokensInTilesMatchOneProductOverAllRows) {
+  constexpr std::uint64_t in = 96, out = 200, n = 17;
+  std::mt19937 rng(13);
+  ByteWriter w;
+  quorvel::testing::write_bf16(w, random_bf16(rng, in * out, -0.5f, 0.5f));
+  auto stream = binary_stream(w.bytes());
+  AutoQ8_0Linear layer(stream, in, out, 1, false, QuantFormat::NONE);
+  const std::vector<std::int8_t> codes = random_codes(rng, n * in);
+  const std::vector<float> scales = random_scales(rng, n);
+  std::vector<bf16> direct(n * out), pooled(n * out), inline_rows(n * out);
+  k().gemm_q8_0(layer.weights(), codes.data(), scales.data(), direct.data(), out, n, out, in);
+  layer.forward(codes.data(), scales.data(), n, pooled.data(), nullptr);
+  quorvel::testing::run_inside_job([&] { layer.forward(codes.data(), scales.data(), n, inline_rows.data(), nullptr); });
+  EXPECT_TRUE(same_bits(pooled, direct));
+  EXPECT_TRUE(same_bits(inline_rows, direct));
+}
+
 }  // namespace
 }  // namespace quorvel::layers

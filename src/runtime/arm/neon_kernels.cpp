@@ -12,7 +12,9 @@ NEONKernels::NEONKernels() : NEONKernels(cpu_features()) {}
 
 // All ten entries come from one table, so a set is never a mix.
 NEONKernels::NEONKernels(const CpuFeatures& features)
-    : table_(features.has_dot_product == 1 ? kDotProductMicroKernels : kBaselineMicroKernels) {}
+    : table_(features.has_dot_product == 1 ? kDotProductMicroKernels : kBaselineMicroKernels), features_(features) {}
+
+CpuFeatures NEONKernels::features() const { return features_; }
 
 void NEONKernels::gemv_ternary(const std::uint8_t* w, const std::int8_t* x, std::int32_t x_sum, bf16* out, size_t rows,
                                size_t k, float x_scale, double gamma) const {

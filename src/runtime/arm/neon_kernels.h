@@ -26,6 +26,7 @@ class NEONKernels : public PortableKernels {
   // Declared first and defined out of line, so that the vtable is emitted
   // with neon_kernels.cpp (plain ARMv8-A), never with a dot-product file.
   const char* name() const override;
+  CpuFeatures features() const override;
 
   // Queries the processor itself.
   NEONKernels();
@@ -82,6 +83,7 @@ class NEONKernels : public PortableKernels {
 
  private:
   MicroKernelTable table_;
+  CpuFeatures features_;
 };
 
 }  // namespace quorvel::kernels::arm

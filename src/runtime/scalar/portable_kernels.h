@@ -88,6 +88,7 @@ class PortableKernels : public KernelBase {
                  size_t rank, size_t out_dim, float* work) const override;
 
   const char* name() const override { return "portable"; }
+  CpuFeatures features() const override { return {}; }
 };
 
 }  // namespace quorvel::kernels

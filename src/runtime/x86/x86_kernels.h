@@ -37,6 +37,7 @@ class X86Kernels : public PortableKernels {
   ~X86Kernels() override;
 
   const char* name() const override;
+  CpuFeatures features() const override;
 
   // Weight products (ternary_products.h, q1_0_products.h, q1_58_products.h, q8_0_products.h).
   void gemm_ternary(double gamma, const std::uint8_t* w, const std::int8_t* x, const float* x_scales, bf16* out,
@@ -116,6 +117,12 @@ class X86Kernels : public PortableKernels {
 template <typename Isa>
 const char* X86Kernels<Isa>::name() const {
   return Isa::kName;
+}
+
+// The sets built on VPDPBUSD have the 8-bit dot product.
+template <typename Isa>
+CpuFeatures X86Kernels<Isa>::features() const {
+  return {.has_int8_matrix = 0, .has_dot_product = std::uint8_t{Isa::kDotProduct ? 1 : 0}};
 }
 
 using Avx2Kernels = X86Kernels<avx2::Isa>;
