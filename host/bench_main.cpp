@@ -35,9 +35,6 @@ using quorvel::InitConfig;
 
 constexpr std::uint64_t kPrefillTokens = 128;
 constexpr std::uint64_t kDecodePrompt = 8;
-// The engine's layers give the several-token products this many prompt
-// tokens per call, so a prefill streams every matrix once per this many.
-constexpr std::uint64_t kTokensPerPass = 4;
 constexpr std::uint64_t kDecodeTokens = 32;
 constexpr std::uint64_t kDepths[] = {0, 1024, 4096};
 constexpr std::uint64_t kCompetitorDecodeTokens = 64;
@@ -68,19 +65,14 @@ void print_table_header() {
   std::printf("prefill: a %llu-token prompt; multiply-adds per token = layers x (q, k, v, o, gate, up, down "
               "weights of a layer) + vocab x hidden / %llu (only the last token is unembedded)\n",
               prefill, prefill);
-  std::printf("prefill bytes per token = layers' weight bytes / %llu (the layers hand the products %llu tokens "
-              "a call, and each call streams the matrices) + unembedding bytes / %llu\n",
-              static_cast<unsigned long long>(kTokensPerPass), static_cast<unsigned long long>(kTokensPerPass),
-              prefill);
   std::printf("decode at depth D: %llu greedy tokens after a prompt of %llu tokens sent at kv_position=D; "
               "bytes per token = weight bytes + layers x 2 x kv_heads x head_dim x positions x 2 (bf16 key/value "
               "caches), positions = the mean attended, D + %.1f\n\n",
               static_cast<unsigned long long>(kDecodeTokens), static_cast<unsigned long long>(kDecodePrompt),
               mean_decode_positions(0, kDecodePrompt, kDecodeTokens));
   std::printf("load: bytes of qmodel.tensors / seconds from the engine's start to its first answer\n\n");
-  std::printf("| model | threads | load GB/s | weight MB/token | prefill tok/s | %% of int8 peak | "
-              "%% of bandwidth | decode tok/s (%% of bandwidth) at depth 0 | at 1024 | at 4096 |\n"
-              "|---|---|---|---|---|---|---|---|---|---|\n");
+  std::printf("| model | threads | load GB/s | weight MB/token | prefill tok/s | %% of int8 peak | decode tok/s "
+              "(%% of bandwidth) at depth 0 | at 1024 | at 4096 |\n|---|---|---|---|---|---|---|---|---|\n");
 }
 
 // One table row: a fresh engine with `threads` threads. The depth runs need
@@ -97,11 +89,9 @@ void print_row(const std::string& engine, const BenchShape& shape, const fs::pat
   const double load_gb_per_s = static_cast<double>(fs::file_size(model / "qmodel.tensors")) / load_seconds / 1e9;
   const double prefill = session.prefill_tokens_per_second(kPrefillTokens);
   const double prefill_g = prefill * prefill_multiply_adds_per_token(config, kPrefillTokens) / 1e9;
-  const double prefill_gb = prefill * prefill_weight_bytes_per_token(config, kPrefillTokens, kTokensPerPass) / 1e9;
-  std::printf("| %s | %u | %.2f | %.0f | %.1f | %.0f %% | %.0f %% |", shape.name, threads, load_gb_per_s,
+  std::printf("| %s | %u | %.2f | %.0f | %.1f | %.0f %% |", shape.name, threads, load_gb_per_s,
               weight_bytes_per_token(config) / 1e6, prefill,
-              100.0 * prefill_g / m.peak[threads - 1].g_multiply_adds_per_second,
-              100.0 * prefill_gb / m.bandwidth[threads - 1].gb_per_s);
+              100.0 * prefill_g / m.peak[threads - 1].g_multiply_adds_per_second);
   session.fill_cache(kDepths[2]);
   for (std::uint64_t depth : kDepths) {
     const double decode = session.decode_tokens_per_second(depth, kDecodePrompt, kDecodeTokens);

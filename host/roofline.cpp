@@ -19,25 +19,11 @@ double layer_matrix_weights(const InitConfig& c) {
   return d * (q + 2 * kv) + q * d + 3 * d * ff;
 }
 
-namespace {
-
-double layers_weight_bytes(const InitConfig& c) {
-  return layer_matrix_weights(c) * bytes_per_weight(c.arch_type) * static_cast<double>(c.num_layers);
-}
-
-double unembedding_bytes(const InitConfig& c) {
+double weight_bytes_per_token(const InitConfig& c) {
   const double d = static_cast<double>(c.hidden_dim);
   const double vocab = static_cast<double>((c.vocab_size + 31) / 32 * 32);
-  return c.arch_type == 4 ? vocab * d * 18.0 / 128.0 : vocab * (d + 4.0);
-}
-
-}  // namespace
-
-double weight_bytes_per_token(const InitConfig& c) { return layers_weight_bytes(c) + unembedding_bytes(c); }
-
-double prefill_weight_bytes_per_token(const InitConfig& c, std::uint64_t prompt, std::uint64_t tokens_per_pass) {
-  return layers_weight_bytes(c) / static_cast<double>(tokens_per_pass) +
-         unembedding_bytes(c) / static_cast<double>(prompt);
+  const double unembed = c.arch_type == 4 ? vocab * d * 18.0 / 128.0 : vocab * (d + 4.0);
+  return layer_matrix_weights(c) * bytes_per_weight(c.arch_type) * static_cast<double>(c.num_layers) + unembed;
 }
 
 double kv_cache_bytes_per_token(const InitConfig& c, double positions) {

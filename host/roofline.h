@@ -19,13 +19,6 @@ double layer_matrix_weights(const InitConfig& c);
 // rows with a 4-byte scale otherwise).
 double weight_bytes_per_token(const InitConfig& c);
 
-// The weight bytes one prompt token of a `prompt`-token prefill streams when
-// the layers hand the several-token products `tokens_per_pass` tokens at a
-// time: every pass reads every layer's matrices once, and the unembedding
-// table is read once per prompt. Prefill can run no faster than the read
-// bandwidth over these bytes, however high the int8 peak.
-double prefill_weight_bytes_per_token(const InitConfig& c, std::uint64_t prompt, std::uint64_t tokens_per_pass);
-
 // The key and value cache bytes one token's attention reads over
 // `positions` cached positions: layers x 2 x kv_heads x head_dim x
 // positions x 2 bytes (bf16 caches).

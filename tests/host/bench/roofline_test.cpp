@@ -53,13 +53,6 @@ TEST(Roofline, DecodePositionsAverageTheTimedSteps) {
   EXPECT_DOUBLE_EQ(mean_decode_positions(0, 1, 1), 2);
 }
 
-TEST(Roofline, PrefillReadsTheLayersOncePerPassAndTheHeadOncePerPrompt) {
-  // 2 layers x 30720 q8_0 weights over 4-token passes, 64 int8 head rows of
-  // 68 bytes over a 128-token prompt.
-  EXPECT_DOUBLE_EQ(prefill_weight_bytes_per_token(small_config(6), 128, 4), 61440.0 * 36 / 32 / 4 + 64 * 68 / 128.0);
-  EXPECT_DOUBLE_EQ(prefill_weight_bytes_per_token(small_config(4), 1, 1), weight_bytes_per_token(small_config(4)));
-}
-
 TEST(Roofline, PrefillSharesOneUnembeddingAmongThePrompt) {
   // 2 layers x 30720 for every token, 40 x 64 once per prompt.
   EXPECT_DOUBLE_EQ(prefill_multiply_adds_per_token(small_config(1), 1), 61440 + 2560);
