@@ -22,6 +22,13 @@ constexpr std::uint32_t kPausesPerYield = 128;
 // Between tokens the workers stay hot; only an engine idle this long lets
 // them block.
 constexpr std::chrono::nanoseconds kIdleBeforePark = std::chrono::seconds(10);
+// A share still running after this long most likely lost its core to
+// another program (the longest job of a decode step takes a few tens of
+// microseconds). The dispatcher then blocks instead of yielding: a core
+// left idle lets the system move the waiting worker onto it, where a
+// yielding dispatcher would keep the core busy and the worker queued behind
+// the other program for a whole time slice.
+constexpr std::chrono::nanoseconds kWaitBeforeBlocking = std::chrono::microseconds(200);
 
 // Both are constant-initialised, so a set_thread_count() made from another
 // file's static initialiser happens after them whatever the link order, and
@@ -174,7 +181,13 @@ void ThreadPool::run_claimed_share(std::uint64_t share, std::uint64_t generation
   ++t_depth;
   run_share(share);
   --t_depth;
-  shares_[share].done.store(generation, std::memory_order_release);
+  // Sequentially consistent, against the dispatcher's store to
+  // dispatcher_blocked_ before its load of done (see block_until_done()).
+  shares_[share].done.store(generation);
+  if (dispatcher_blocked_.value.load() != 0) {
+    { const std::lock_guard<std::mutex> lock(mutex_); }
+    share_done_.notify_one();
+  }
 }
 
 // Shares in order: one that no worker has claimed yet runs here, on the
@@ -187,10 +200,36 @@ void ThreadPool::finish_shares(std::uint64_t generation) {
       run_claimed_share(i, generation);
       continue;
     }
-    while (!spin_burst([&] { return slot.done.load(std::memory_order_acquire) >= generation; })) {
-      std::this_thread::yield();
+    wait_for_share(slot, generation);
+  }
+}
+
+// Spins, then yields, then blocks (see kWaitBeforeBlocking) until a worker's
+// share is done. The clock is read only after a yield.
+void ThreadPool::wait_for_share(const ShareSlot& slot, std::uint64_t generation) {
+  const auto done = [&] { return slot.done.load(std::memory_order_acquire) >= generation; };
+  const auto waiting_since = std::chrono::steady_clock::now();
+  while (!spin_burst(done)) {
+    std::this_thread::yield();
+    if (std::chrono::steady_clock::now() - waiting_since > kWaitBeforeBlocking) {
+      block_until_done(slot, generation);
+      return;
     }
   }
+}
+
+// The sequentially consistent store to dispatcher_blocked_ before the
+// predicate's load of done, against the worker's store to done before its
+// load of dispatcher_blocked_: either the predicate sees the share done or
+// the worker sees the flag and notifies, after the mutex, so never between
+// the predicate and the wait.
+void ThreadPool::block_until_done(const ShareSlot& slot, std::uint64_t generation) {
+  dispatcher_blocked_.value.store(1);
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    share_done_.wait(lock, [&] { return slot.done.load() >= generation; });
+  }
+  dispatcher_blocked_.value.store(0, std::memory_order_relaxed);
 }
 
 void ThreadPool::worker_loop(std::uint64_t index) {

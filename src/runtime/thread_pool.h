@@ -100,6 +100,8 @@ class ThreadPool {
   bool claim(std::uint64_t share, std::uint64_t generation);
   void run_claimed_share(std::uint64_t share, std::uint64_t generation);
   void finish_shares(std::uint64_t generation);
+  void wait_for_share(const ShareSlot& slot, std::uint64_t generation);
+  void block_until_done(const ShareSlot& slot, std::uint64_t generation);
   void worker_loop(std::uint64_t index);
   void wait_for_new_generation(std::uint64_t seen);
   void park(std::uint64_t seen);
@@ -121,10 +123,14 @@ class ThreadPool {
   // Workers parked (or about to park) on wake_; lets the dispatcher skip the
   // mutex and the notification while every worker is spinning.
   PaddedCounter sleepers_;
+  // 1 while the dispatcher blocks on share_done_ for a worker that has been
+  // slow to finish; the worker that ends a share then notifies it.
+  PaddedCounter dispatcher_blocked_;
   std::vector<std::thread> workers_;
   std::atomic<bool> running_{true};
   std::mutex mutex_;
   std::condition_variable wake_;
+  std::condition_variable share_done_;
 };
 
 // Runs body(first, count) over [0, n) on the process-wide pool. The lambda

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <time.h>
 
 #include <algorithm>
 #include <array>
@@ -246,6 +247,37 @@ TEST(ThreadPoolTest, DispatcherRunsTheSharesOfWorkersThatHaveNotStarted) {
     }
   }
   EXPECT_GT(taken_over, 0u);
+}
+
+// Item 0 (the dispatcher's) waits until a worker has started item 1, which
+// then sleeps: the dispatcher, waiting for it, must let its core go idle
+// rather than spin or yield for the whole sleep.
+struct SlowWorkerJob {
+  std::atomic<bool> worker_started{false};
+
+  static void run(void* ctx, std::uint64_t first, std::uint64_t) {
+    auto* self = static_cast<SlowWorkerJob*>(ctx);
+    if (first == 1) {
+      self->worker_started = true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      return;
+    }
+    while (!self->worker_started) std::this_thread::yield();
+  }
+};
+
+double thread_cpu_seconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+TEST(ThreadPoolTest, DispatcherWaitingLongForAWorkerLeavesItsCoreIdle) {
+  ThreadPool pool(2);
+  SlowWorkerJob job;
+  const double cpu_before = thread_cpu_seconds();
+  pool.run(&SlowWorkerJob::run, &job, 2, 0);
+  EXPECT_LT(thread_cpu_seconds() - cpu_before, 0.1);
 }
 
 // Takes eleven seconds: the workers must have parked, and both a dispatch
