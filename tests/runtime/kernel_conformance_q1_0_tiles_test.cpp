@@ -108,8 +108,11 @@ TEST_P(Q1_0TileConformance, RowLengths) {
   for (std::size_t k : {128, 100, 200, 384, 2560, 6912, 8192, 8192 + 128, 16384, 16384 + 128}) check({19, k, 1});
 }
 
+// Passes of four, two and one token; at 2048 and 4096 codes the passes of
+// four and of two are the widest whose sum tables the 256-bit sets keep.
 TEST_P(Q1_0TileConformance, SeveralTokens) {
   for (std::size_t tokens : {2, 3, 5}) check({21, 640, tokens});
+  for (std::size_t k : {2048, 2048 + 128, 4096, 4096 + 128}) check({21, k, 7});
 }
 
 TEST_P(Q1_0TileConformance, ExtremeScalesAndActivations) {
@@ -118,11 +121,11 @@ TEST_P(Q1_0TileConformance, ExtremeScalesAndActivations) {
 }
 
 // Block sums at the largest magnitudes the codes allow, in whole and
-// partial blocks, for a lone token and for one after a pair.
+// partial blocks, for a lone token and for passes of four, two and one.
 TEST_P(Q1_0TileConformance, BlockSumsAtTheirLimits) {
   for (int code : {-128, 127}) {
     for (std::size_t k : {2048, 200}) {
-      for (std::size_t tokens : {1, 3}) check({20, k, tokens, false, code, true});
+      for (std::size_t tokens : {1, 7}) check({20, k, tokens, false, code, true});
     }
   }
 }

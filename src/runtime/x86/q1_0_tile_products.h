@@ -130,17 +130,16 @@ void X86Kernels<Isa>::gemm_q1_0_tiles(const void* tiles, const std::int8_t* x, c
     return;
   }
   const auto* blocks = static_cast<const Q1_0TileBlock*>(tiles);
+  if constexpr (Isa::kSignSumLookup) {
+    if (lookup_takes(n_tokens, k)) {
+      lookup_tile_products<Isa>(blocks, x, x_scales, out, out_stride, n_tokens, rows, k);
+      return;
+    }
+  }
   const std::size_t row_blocks = (k + Q1_0TileBlock::kValues - 1) / Q1_0TileBlock::kValues;
-  // Up to four tokens share each expanded sign word; a lone token on a set
-  // with the sum tables looks its sums up instead.
+  // Up to four tokens share each expanded sign word.
   PreparedActivations prepared;
   token_passes(n_tokens, [&](std::size_t first, std::size_t tokens) {
-    if constexpr (Isa::kSignSumLookup) {
-      if (tokens == 1 && k <= SignSumTables::kMaxValues) {
-        lookup_tile_rows<Isa>(blocks, x + first * k, x_scales[first], out + first * out_stride, rows, k);
-        return;
-      }
-    }
     prepare_activations(prepared, x + first * k, x_scales + first, tokens, k, Q1_0TileBlock::kValues,
                         CodeOrder::natural);
     bf16* token_out = out + first * out_stride;
