@@ -15,7 +15,8 @@
 // 8-15, so the sums and accumulators keep the even rows and the odd rows
 // apart, each in row order; the two are interleaved once, at the store.
 //
-// Used by a lane trait that sets kSignSumLookup (the 256-bit ones).
+// Used by the lane traits that set kSignSumLookup (the 256-bit ones); the
+// Isa parameter of the helpers only keeps each instruction set's copy apart.
 #pragma once
 
 #include <cstddef>
