@@ -164,6 +164,12 @@ template <typename Isa, int kTokens>
   }
 }
 
+// Each tile block fetches the block this far ahead (the next tile's follow
+// the last): the lookups keep the load ports busy with the tables, and
+// without the hint a decode step streaming the weights from memory ran about
+// a fifth slower; 8 blocks gained less, 32 no more.
+inline constexpr std::size_t kPrefetchBlocks = 16;
+
 // The first n (<= 16) rows of one tile against the kTokens tokens whose
 // tables these are; out points at the tile's first row of token 0, token
 // t's rows out_stride further on.
@@ -175,6 +181,9 @@ void lookup_tile_product(const Q1_0TileBlock* tile, std::size_t blocks, const Si
   #pragma GCC unroll 4
   for (int t = 0; t < kTokens; ++t) even_acc[t] = odd_acc[t] = F32::zero();
   for (std::size_t b = 0; b < blocks; ++b) {
+    const auto* ahead = reinterpret_cast<const char*>(tile + b + kPrefetchBlocks);
+    #pragma GCC unroll 5
+    for (std::size_t line = 0; line < sizeof(Q1_0TileBlock); line += 64) __builtin_prefetch(ahead + line, 0, 3);
     __m256i even[kTokens], odd[kTokens];
     lookup_block_sums<Isa, kTokens>(tile[b], tables.bytes + b * kTokens * SignSumTables::kBlockBytes, even, odd);
     // Scale pairs: the even row's bf16 in the low half of each 32-bit word, the odd row's in the high half.
