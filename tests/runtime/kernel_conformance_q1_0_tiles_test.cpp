@@ -36,10 +36,14 @@ struct Case {
   std::size_t tokens;
   bool extreme_scales = false;
   int code = 0;  // every activation code, or 0 for random codes
+  // Rows 0, 3, 6, ... with every sign bit set, rows 1, 4, 7, ... with none:
+  // with a uniform code, |S_b| reaches 128 * |code| in every block.
+  bool uniform_sign_rows = false;
 
   std::string name() const {
     return "rows=" + std::to_string(rows) + " k=" + std::to_string(k) + " tokens=" + std::to_string(tokens) +
-           (extreme_scales ? " extreme scales" : "") + (code != 0 ? " code=" + std::to_string(code) : "");
+           (extreme_scales ? " extreme scales" : "") + (code != 0 ? " code=" + std::to_string(code) : "") +
+           (uniform_sign_rows ? " uniform sign rows" : "");
   }
 };
 
@@ -48,6 +52,7 @@ class Q1_0TileConformance : public KernelConformanceTest {
   void check(const Case& c) {
     std::vector<std::uint8_t> plain = random_block_rows(kQ1_0Layout, c.rows, c.k, seed_++);
     if (c.extreme_scales) set_extreme_scales(plain);
+    if (c.uniform_sign_rows) set_uniform_sign_rows(plain, c.rows);
     const std::vector<Q1_0TileBlock> tiles = tiled(plain, c.rows, c.k);
     KernelInputs inputs(seed_++);
     std::vector<std::int8_t> x = inputs.i8_row(c.tokens * c.k);
@@ -77,6 +82,16 @@ class Q1_0TileConformance : public KernelConformanceTest {
     kQ1_0Layout.set_scale(plain.data(), std::numeric_limits<float>::quiet_NaN());
   }
 
+  static void set_uniform_sign_rows(std::vector<std::uint8_t>& plain, std::size_t rows) {
+    const std::size_t row_bytes = plain.size() / rows;
+    for (std::size_t r = 0; r < rows; ++r) {
+      if (r % 3 == 2) continue;
+      for (std::size_t at = r * row_bytes; at < (r + 1) * row_bytes; at += kQ1_0Layout.bytes) {
+        std::memset(plain.data() + at, r % 3 == 0 ? 0xFF : 0x00, kQ1_0Layout.values / 8);
+      }
+    }
+  }
+
   std::uint32_t seed_ = 11;
 };
 
@@ -90,16 +105,29 @@ TEST_P(Q1_0TileConformance, RowCountsAroundTheTile) {
 // One block, a partial block, a block and a tail, real layer widths, and
 // rows longer than the SIMD sets prepare (they take the portable code).
 TEST_P(Q1_0TileConformance, RowLengths) {
-  for (std::size_t k : {128, 100, 200, 384, 2560, 6912, 16384, 16384 + 128}) check({19, k, 1});
+  for (std::size_t k : {128, 100, 200, 384, 2560, 6912, 8192, 8192 + 128, 16384, 16384 + 128}) check({19, k, 1});
 }
 
+// Passes of four, two and one token; at 2048 and 4096 codes the passes of
+// four and of two are the widest whose sum tables the 256-bit sets keep.
 TEST_P(Q1_0TileConformance, SeveralTokens) {
   for (std::size_t tokens : {2, 3, 5}) check({21, 640, tokens});
+  for (std::size_t k : {2048, 2048 + 128, 4096, 4096 + 128}) check({21, k, 7});
 }
 
 TEST_P(Q1_0TileConformance, ExtremeScalesAndActivations) {
   check({37, 2048, 2, true});
   for (int code : {127, -127, -128}) check({17, 2048, 1, false, code});
+}
+
+// Block sums at the largest magnitudes the codes allow, in whole and
+// partial blocks, for a lone token and for passes of four, two and one.
+TEST_P(Q1_0TileConformance, BlockSumsAtTheirLimits) {
+  for (int code : {-128, 127}) {
+    for (std::size_t k : {2048, 200}) {
+      for (std::size_t tokens : {1, 7}) check({20, k, tokens, false, code, true});
+    }
+  }
 }
 
 INSTANTIATE_KERNEL_CONFORMANCE(Q1_0TileConformance);

@@ -33,6 +33,10 @@ struct Isa {
   static constexpr std::size_t kVectorBytes = 32;
   // Partial stores go through a lane array (no masked 16-bit stores).
   static constexpr bool kMaskedStores = false;
+  // A lone token's q1_0_128 tile product looks its sums up in per-token
+  // tables (q1_0_tile_lookup.h): fewer instructions than expanding the sign
+  // bits to bytes without a byte mask move.
+  static constexpr bool kSignSumLookup = true;
 
   [[gnu::always_inline]] static Ints zero() { return _mm256_setzero_si256(); }
   [[gnu::always_inline]] static Ints set1(std::int32_t v) { return _mm256_set1_epi32(v); }

@@ -33,6 +33,9 @@ struct Isa {
   static constexpr int kLanes = 16;
   static constexpr std::size_t kVectorBytes = 64;
   static constexpr bool kMaskedStores = true;
+  // The sign bits expand to bytes in one masked move, so the tile product
+  // needs no sum tables.
+  static constexpr bool kSignSumLookup = false;
 
   [[gnu::always_inline]] static Ints zero() { return _mm512_setzero_si512(); }
   [[gnu::always_inline]] static Ints set1(std::int32_t v) { return _mm512_set1_epi32(v); }

@@ -15,6 +15,7 @@
 #include "runtime/formats/q1_0_tiles.h"
 #include "runtime/x86/lane_passes.h"
 #include "runtime/x86/prepared_activations.h"
+#include "runtime/x86/q1_0_tile_lookup.h"
 #include "runtime/x86/x86_kernels.h"
 
 namespace quorvel::kernels::x86 {
@@ -119,6 +120,25 @@ void tile_rows(const Q1_0TileBlock* tiles, std::size_t row_blocks, const Prepare
   }
 }
 
+// The product with expanded sign words; up to four tokens share each. Kept
+// out of line, like the lookup's, so that each stack frame holds only its
+// own activations.
+template <typename Isa>
+[[gnu::noinline]] void expanded_tile_products(const Q1_0TileBlock* tiles, const std::int8_t* x,
+                                              const float* x_scales, bf16* out, std::size_t out_stride,
+                                              std::size_t n_tokens, std::size_t rows, std::size_t k) {
+  const std::size_t row_blocks = (k + Q1_0TileBlock::kValues - 1) / Q1_0TileBlock::kValues;
+  PreparedActivations prepared;
+  token_passes(n_tokens, [&](std::size_t first, std::size_t tokens) {
+    prepare_activations(prepared, x + first * k, x_scales + first, tokens, k, Q1_0TileBlock::kValues,
+                        CodeOrder::natural);
+    bf16* token_out = out + first * out_stride;
+    if (tokens == 4) tile_rows<Isa, 4>(tiles, row_blocks, prepared, token_out, out_stride, rows);
+    if (tokens == 2) tile_rows<Isa, 2>(tiles, row_blocks, prepared, token_out, out_stride, rows);
+    if (tokens == 1) tile_rows<Isa, 1>(tiles, row_blocks, prepared, token_out, out_stride, rows);
+  });
+}
+
 }  // namespace
 
 template <typename Isa>
@@ -129,17 +149,13 @@ void X86Kernels<Isa>::gemm_q1_0_tiles(const void* tiles, const std::int8_t* x, c
     return;
   }
   const auto* blocks = static_cast<const Q1_0TileBlock*>(tiles);
-  const std::size_t row_blocks = (k + Q1_0TileBlock::kValues - 1) / Q1_0TileBlock::kValues;
-  // Up to four tokens share each expanded sign word.
-  PreparedActivations prepared;
-  token_passes(n_tokens, [&](std::size_t first, std::size_t tokens) {
-    prepare_activations(prepared, x + first * k, x_scales + first, tokens, k, Q1_0TileBlock::kValues,
-                        CodeOrder::natural);
-    bf16* token_out = out + first * out_stride;
-    if (tokens == 4) tile_rows<Isa, 4>(blocks, row_blocks, prepared, token_out, out_stride, rows);
-    if (tokens == 2) tile_rows<Isa, 2>(blocks, row_blocks, prepared, token_out, out_stride, rows);
-    if (tokens == 1) tile_rows<Isa, 1>(blocks, row_blocks, prepared, token_out, out_stride, rows);
-  });
+  if constexpr (Isa::kSignSumLookup) {
+    if (lookup_takes(n_tokens, k)) {
+      lookup_tile_products<Isa>(blocks, x, x_scales, out, out_stride, n_tokens, rows, k);
+      return;
+    }
+  }
+  expanded_tile_products<Isa>(blocks, x, x_scales, out, out_stride, n_tokens, rows, k);
 }
 
 }  // namespace quorvel::kernels::x86
