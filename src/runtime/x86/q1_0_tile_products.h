@@ -89,6 +89,7 @@ void tile_product(const Q1_0TileBlock* tile, const PreparedActivations& x, bf16*
     for (int part = 0; part < kParts; ++part) acc[t][part] = Isa::F32::zero();
   }
   for (std::size_t b = 0; b < x.blocks; ++b) {
+    prefetch_tile_block(tile + b + kPrefetchBlocks);
     #pragma GCC unroll 2
     for (int part = 0; part < kParts; ++part) {
       typename Isa::Ints sums[kTokens];
