@@ -159,9 +159,9 @@ class KernelBase {
   virtual void gemm_q1_0_tiles(const void* tiles, const std::int8_t* x, const float* x_scales, bf16* out,
                                size_t out_stride, size_t n_tokens, size_t rows, size_t k) const = 0;
   virtual bool tiles_q1_0_rows() const = 0;
-  // The processor features the set was chosen for: a set with an 8-bit dot
-  // product (or an integer matrix) feature reports it, and the several-token
-  // q8_0 projections then take their tiled split.
+  // The processor features the set was chosen for (the ARM sets' record):
+  // with the 8-bit dot product or an integer matrix feature the several-token
+  // q8_0 projections take their tiled split.
   virtual CpuFeatures features() const = 0;
 
   // LoRA side products (37, 39-43): for each token t < n_tokens,

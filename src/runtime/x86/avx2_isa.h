@@ -24,7 +24,6 @@ namespace quorvel::kernels::x86::avx2 {
 
 struct Isa {
   static constexpr const char* kName = "avx2";
-  static constexpr bool kDotProduct = false;  // byte products by VPMADDUBSW + VPMADDWD
   using Ints = __m256i;
   using Floats = __m256;
   using F32 = F32x8;

@@ -25,7 +25,6 @@ namespace quorvel::kernels::x86::avx512 {
 
 struct Isa {
   static constexpr const char* kName = "avx512";
-  static constexpr bool kDotProduct = true;  // VPDPBUSD
   using Ints = __m512i;
   using Floats = __m512;
   using F32 = F32x16;

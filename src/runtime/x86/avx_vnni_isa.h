@@ -19,7 +19,6 @@ struct F32x8 : avx2::F32x8 {};
 
 struct Isa : avx2::Isa {
   static constexpr const char* kName = "avx-vnni";
-  static constexpr bool kDotProduct = true;  // VEX VPDPBUSD
   using F32 = F32x8;
 
   // acc + the dot sums of four unsigned bytes of w[i] with four signed bytes
