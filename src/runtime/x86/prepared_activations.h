@@ -22,8 +22,9 @@ enum class CodeOrder {
 };
 
 struct PreparedActivations {
-  // The most tokens one pass of a several-token product takes.
-  static constexpr std::size_t kMaxTokens = 4;
+  // The most tokens one pass of a several-token product takes (the AVX-512
+  // q8_0 product's eight).
+  static constexpr std::size_t kMaxTokens = 8;
   // The longest row the SIMD products take; longer rows go to the portable code.
   static constexpr std::size_t kMaxValues = 16384;
   static constexpr std::size_t kPadding = 128;

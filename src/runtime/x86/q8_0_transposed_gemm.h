@@ -93,9 +93,15 @@ void transposed_rows(const std::uint8_t* w, std::size_t rows, std::size_t row_by
   }
 }
 
+// The 512-bit trait's 32 registers hold eight tokens' accumulators beside a
+// block column's codes; the 256-bit traits' 16 hold four.
+template <typename Isa>
+inline constexpr std::size_t kWidestPass = Isa::kLanes == 16 ? 8 : 4;
+
 // Token t at x + t * k, its outputs at out + t * out_stride; k <= kMaxValues.
-// The tokens go in passes of four (the layers' chunk), a remainder of two or
-// one in a narrower pass.
+// The tokens go in passes of eight on a trait with 32 registers (the
+// layers' tiles of 8 tokens), else of four (their chunks), a remainder of
+// four, two or one in a narrower pass.
 template <typename Isa>
 void transposed_q8_0_gemm(const void* w, const std::int8_t* x, const float* x_scales, bf16* out,
                           std::size_t out_stride, std::size_t n_tokens, std::size_t rows, std::size_t k) {
@@ -103,13 +109,20 @@ void transposed_q8_0_gemm(const void* w, const std::int8_t* x, const float* x_sc
   const auto* weights = static_cast<const std::uint8_t*>(w);
   const std::size_t row_bytes = (k + BlockQ8_0::kValues - 1) / BlockQ8_0::kValues * sizeof(BlockQ8_0);
   PreparedActivations prepared;
-  token_passes(n_tokens, [&](std::size_t t, std::size_t tokens) {
+  for (std::size_t t = 0; t < n_tokens;) {
+    const std::size_t left = n_tokens - t;
+    const std::size_t widest = kWidestPass<Isa>;
+    const std::size_t tokens = left >= widest ? widest : left >= 4 ? 4 : left >= 2 ? 2 : 1;
     prepare_activations(prepared, x + t * k, x_scales + t, tokens, k, BlockQ8_0::kValues, CodeOrder::natural);
     bf16* pass_out = out + t * out_stride;
+    if constexpr (kWidestPass<Isa> == 8) {
+      if (tokens == 8) transposed_rows<Isa, 8>(weights, rows, row_bytes, prepared, pass_out, out_stride);
+    }
     if (tokens == 4) transposed_rows<Isa, 4>(weights, rows, row_bytes, prepared, pass_out, out_stride);
     if (tokens == 2) transposed_rows<Isa, 2>(weights, rows, row_bytes, prepared, pass_out, out_stride);
     if (tokens == 1) transposed_rows<Isa, 1>(weights, rows, row_bytes, prepared, pass_out, out_stride);
-  });
+    t += tokens;
+  }
 }
 
 }  // namespace
