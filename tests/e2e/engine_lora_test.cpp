@@ -2,7 +2,6 @@
 // (and what an adapter with B = 0 must not do), thread-count independence
 // for every factor storage, and the start-up messages and refusals of the
 // adapter file.
-#include <unistd.h>
 
 #include <csignal>
 
@@ -126,9 +125,8 @@ class LoraFileFailures : public ::testing::Test {
 TEST_F(LoraFileFailures, AnUnopenableFileIsNamedAsAQuotedPath) {
   const fs::path dir = root_.path() / "loop \"dir\"";
   fs::create_directories(dir);
-  ASSERT_EQ(symlink("qmodel.lora", (dir / "qmodel.lora").c_str()), 0);
-  expect_refused(start_with(dir),
-                 "Error: Could not open \"" + (root_.path() / "loop \\\"dir\\\"" / "qmodel.lora").string() + "\"");
+  fs::create_symlink("qmodel.lora", dir / "qmodel.lora");
+  expect_refused(start_with(dir), "Error: Could not open " + quoted(dir / "qmodel.lora"));
 }
 
 TEST_F(LoraFileFailures, HeaderChecksEndStartUpWithStatusOne) {
