@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -84,6 +85,17 @@ inline ProcessResult run_engine(const std::vector<std::string>& args, const std:
 
 inline ProcessResult run_engine(const fs::path& dir, const std::string& input) {
   return run_engine(std::vector<std::string>{dir.string()}, input);
+}
+
+// Whether the process ended through abort(), as an uncaught exception ends
+// the engine: by SIGABRT on POSIX; Windows has no signals, and there the C
+// runtime's abort() exits with status 3.
+inline bool ended_by_abort(const ProcessResult& result) {
+#if defined(_WIN32)
+  return result.signal == 0 && result.exit_status == 3;
+#else
+  return result.signal == SIGABRT;
+#endif
 }
 
 // A path as the engine's messages write it: in double quotes, with a

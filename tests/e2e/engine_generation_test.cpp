@@ -1,7 +1,6 @@
 // The engine binary generating on synthetic models of every architecture:
 // the stop rules as a host sees them, conversation continuation, the
 // sampling clamps and thread-count independence.
-#include <csignal>
 #include <set>
 
 #include "e2e_support.h"
@@ -121,7 +120,7 @@ TEST(StopRules, ASampledEndOfSequenceIsPrintedOnce) {
 TEST(RequestFailures, ATokenOutOfRangeEndsTheEngineAbnormally) {
   const ProcessResult result =
       run_engine(model_dir(1), init_block(model_dir(1)) + request({"tokens=5,5000"}));
-  EXPECT_EQ(result.signal, SIGABRT);
+  EXPECT_TRUE(ended_by_abort(result)) << result.exit_status << ", signal " << result.signal;
   EXPECT_NE(result.err.find("Token ID 5000 out of range (vocab_size=300)"), std::string::npos) << result.err;
   EXPECT_EQ(result.out, "");
 }
