@@ -11,6 +11,7 @@
 
 #include "engine/init_config_parser.h"
 #include "engine/model_runner.h"
+#include "engine/process_entry.h"
 #include "engine/request_loop.h"
 #include "io/lora_header.h"
 #include "io/model_header.h"
@@ -67,11 +68,13 @@ bool load_lora_adapter(ModelBase& model, const std::string& lora_dir) {
 }  // namespace
 
 int run_engine(int argc, char** argv) {
+  use_binary_standard_streams();
   // Reading a block must never flush standard output.
   std::ios::sync_with_stdio(false);
   std::cin.tie(nullptr);
 
-  if (argc != 2) return fail(std::string("Usage: ") + argv[0] + " <Model Directory>");
+  const CommandLine command_line = read_command_line(argc, argv);
+  if (command_line.arguments.size() != 1) return fail("Usage: " + command_line.program + " <Model Directory>");
 
   InitConfig config;
   try {
@@ -81,7 +84,7 @@ int run_engine(int argc, char** argv) {
   }
   if (auto refusal = unsupported_format_message(config)) return fail(*refusal);
 
-  const std::filesystem::path directory(argv[1]);
+  const std::filesystem::path& directory = command_line.arguments[0];
   std::ifstream tensors(directory / "qmodel.tensors", std::ios::binary);
   std::ifstream rope(directory / "rope.cache", std::ios::binary);
   if (!tensors.is_open() || !rope.is_open()) {

@@ -13,6 +13,8 @@
 #include <cmath>
 #include <cstdint>
 
+#include "runtime/fused_multiply_add.h"
+
 namespace quorvel::kernels {
 
 inline constexpr float kPolyExpMinArg = -87.0f;
@@ -31,9 +33,9 @@ inline float poly_exp(float x) {
   t = t * log2e;
   const float n = std::floor(t + 0.5f);
   const float f = t - n;
-  float p = std::fma(f, c3, c2);
-  p = std::fma(f, p, c1);
-  p = std::fma(f, p, c0);
+  float p = fused_multiply_add(f, c3, c2);
+  p = fused_multiply_add(f, p, c1);
+  p = fused_multiply_add(f, p, c0);
   // A NaN argument makes p NaN, so any exponent gives the same NaN result;
   // 0 keeps the float-to-int conversion defined.
   const std::int32_t exponent = std::isnan(n) ? 0 : static_cast<std::int32_t>(n);

@@ -4,10 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -25,8 +27,10 @@ using host::ProcessResult;
 class TempDir {
  public:
   TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "quorvel-e2e-XXXXXX").string();
-    path_ = mkdtemp(pattern.data());
+    std::random_device random;
+    do {
+      path_ = fs::temp_directory_path() / ("quorvel-e2e-" + std::to_string(random()));
+    } while (!fs::create_directory(path_));
   }
   ~TempDir() { fs::remove_all(path_); }
   const fs::path& path() const { return path_; }
@@ -37,7 +41,8 @@ class TempDir {
 
 // Writes a model directory with quorvel-make-model's options.
 inline void make_model(const fs::path& dir, std::vector<std::string> options) {
-  std::vector<std::string_view> args{dir.native()};
+  const std::string dir_text = dir.string();
+  std::vector<std::string_view> args{dir_text};
   for (const auto& o : options) args.push_back(o);
   std::ostringstream err;
   ASSERT_EQ(tools::run_make_model(args, err), 0) << err.str();
@@ -80,6 +85,28 @@ inline ProcessResult run_engine(const std::vector<std::string>& args, const std:
 
 inline ProcessResult run_engine(const fs::path& dir, const std::string& input) {
   return run_engine(std::vector<std::string>{dir.string()}, input);
+}
+
+// Whether the process ended through abort(), as an uncaught exception ends
+// the engine: by SIGABRT on POSIX; Windows has no signals, and there the C
+// runtime's abort() exits with status 3.
+inline bool ended_by_abort(const ProcessResult& result) {
+#if defined(_WIN32)
+  return result.signal == 0 && result.exit_status == 3;
+#else
+  return result.signal == SIGABRT;
+#endif
+}
+
+// A path as the engine's messages write it: in double quotes, with a
+// backslash before every backslash and double quote of its (UTF-8) text.
+inline std::string quoted(const fs::path& path) {
+  std::string text = "\"";
+  for (const char c : path.string()) {
+    if (c == '\\' || c == '"') text += '\\';
+    text += c;
+  }
+  return text + "\"";
 }
 
 inline std::vector<std::string> lines_of(const std::string& text) {

@@ -147,6 +147,17 @@ TEST(InitConfigValues, QuantTextsAreLowerCasedBeforeMatching) {
   }
 }
 
+// What the carriage return of a CR LF host does to each kind of value: a
+// number or token list still reads, a text names nothing any more.
+TEST(InitConfigValues, ACarriageReturnEndsNumbersButStaysInTexts) {
+  EXPECT_EQ(parse_with("hidden_dim", "2048\r").hidden_dim, 2048u);
+  EXPECT_EQ(parse_with("norm_eps", "1e-6\r").norm_eps, 1e-6);
+  EXPECT_EQ(parse_token_list("2,7\r"), (std::vector<std::int64_t>{2, 7}));
+  EXPECT_EQ(parse_with("lora_dir", "/adapters\r").lora_dir, "/adapters\r");
+  EXPECT_EQ(parse_error({{"arch_type", "1\r"}, {"unembed_quant", "int8\r"}}),
+            "Unknown value for unembed_quant: int8\r");
+}
+
 TEST(TokenList, SplitsAtCommasSkipsEmptyPiecesAndWrapsNegatives) {
   using Ids = std::vector<std::int64_t>;
   EXPECT_EQ(parse_token_list("2,,7,"), (Ids{2, 7}));

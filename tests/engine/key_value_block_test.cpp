@@ -94,5 +94,21 @@ TEST(ReadBlockLines, ConsecutiveBlocksAreFramedIndependently) {
   EXPECT_EQ(read_block(in, block), -1);
 }
 
+// A host that ends its lines with CR LF: only the line feed ends a line, so
+// the count still reads (the conversion stops at the carriage return), a
+// blank line is a malformed one that still counts, and every value keeps
+// its carriage return. The framing stays in step with the host.
+TEST(ReadBlockLines, CrLfLinesKeepTheirCarriageReturns) {
+  std::istringstream in("3\r\nmax_tokens=5\r\n\r\ntokens=1,2\r\n1\r\nlora_dir=/m\r\n");
+  KeyValueBlock block;
+  CaptureStderr capture;
+  EXPECT_EQ(read_block(in, block), 3);
+  EXPECT_EQ(block, (KeyValueBlock{{"max_tokens", "5\r"}, {"tokens", "1,2\r"}}));
+  EXPECT_EQ(capture.text(), "Warning: malformed key=value line: '\r'\n");
+  EXPECT_EQ(read_block(in, block), 1);
+  EXPECT_EQ(block, (KeyValueBlock{{"lora_dir", "/m\r"}}));
+  EXPECT_EQ(read_block(in, block), -1);
+}
+
 }  // namespace
 }  // namespace quorvel

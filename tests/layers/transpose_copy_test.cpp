@@ -23,7 +23,7 @@ struct Shape {
 class TransposeCopyTest : public ::testing::TestWithParam<Shape> {
  protected:
   void SetUp() override {
-    std::mt19937 rng(GetParam().tokens * 1000 + GetParam().dims);
+    std::mt19937 rng(static_cast<std::uint32_t>(GetParam().tokens * 1000 + GetParam().dims));
     src = quorvel::testing::random_bf16(rng, GetParam().tokens * GetParam().dims);
     stride = GetParam().tokens + 7;
     expected.assign(GetParam().dims * stride, bf16{0x7E7E});

@@ -17,8 +17,9 @@
 # add to every instrumented object (.init_array.00099) are theirs, not ours.
 #
 # An object's instruction set is the suffix of its source file, the rule the
-# top-level CMakeLists.txt applies its flags by: name_avx512.cpp.o is built
-# with that set's flags, an object with no listed suffix with none.
+# top-level CMakeLists.txt applies its flags by: name_avx512.cpp.o (.obj on
+# Windows) is built with that set's flags, an object with no listed suffix
+# with none.
 #
 # Usage: isa_symbols_check.sh "SUFFIX..." ARCHIVE_OR_OBJECT...
 #   e.g. isa_symbols_check.sh "avx2 avx512" libquorvel_runtime.a libquorvel_layers.a
@@ -47,7 +48,10 @@ listing() {
 report=$(listing "$@" | awk -v suffixes="$suffixes" '
   BEGIN {
     n = split(suffixes, list, " ")
-    for (i = 1; i <= n; ++i) isa_of["_" list[i] ".cpp.o"] = list[i]
+    for (i = 1; i <= n; ++i) {
+      isa_of["_" list[i] ".cpp.o"] = list[i]
+      isa_of["_" list[i] ".cpp.obj"] = list[i]
+    }
   }
   function isa(object,    key) {
     for (key in isa_of) {

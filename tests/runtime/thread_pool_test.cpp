@@ -1,8 +1,14 @@
 #include "runtime/thread_pool.h"
 
 #include <gtest/gtest.h>
-#include <sched.h>
+
 #include <time.h>
+
+#if defined(_WIN32)
+#include <windows.h>
+#else
+#include <sched.h>
+#endif
 
 #include <algorithm>
 #include <array>
@@ -218,24 +224,47 @@ struct OwnerJob {
   }
 };
 
-// Sixteen threads on one CPU (the workers inherit this thread's affinity):
-// most workers are off the core when a job starts, and the dispatcher runs
-// their shares itself. Each block still runs once, and never on a scratch
-// slice another share is using.
-TEST(ThreadPoolTest, DispatcherRunsTheSharesOfWorkersThatHaveNotStarted) {
-  cpu_set_t all;
-  ASSERT_EQ(sched_getaffinity(0, sizeof all, &all), 0);
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-    if (CPU_ISSET(cpu, &all)) {
-      CPU_SET(cpu, &one);
-      break;
-    }
+// While the object lives, the calling thread and the threads it starts run
+// on one CPU: on Linux new threads inherit the starting thread's affinity, on
+// Windows every thread follows the process's.
+class OneCpu {
+ public:
+#if defined(_WIN32)
+  OneCpu() {
+    DWORD_PTR system = 0;
+    EXPECT_TRUE(GetProcessAffinityMask(GetCurrentProcess(), &all_, &system));
+    EXPECT_TRUE(SetProcessAffinityMask(GetCurrentProcess(), all_ & (~all_ + 1)));  // the lowest CPU of the mask
   }
-  ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+  ~OneCpu() { EXPECT_TRUE(SetProcessAffinityMask(GetCurrentProcess(), all_)); }
+
+ private:
+  DWORD_PTR all_ = 0;
+#else
+  OneCpu() {
+    EXPECT_EQ(sched_getaffinity(0, sizeof all_, &all_), 0);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+      if (CPU_ISSET(cpu, &all_)) {
+        CPU_SET(cpu, &one);
+        break;
+      }
+    }
+    EXPECT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+  }
+  ~OneCpu() { EXPECT_EQ(sched_setaffinity(0, sizeof all_, &all_), 0); }
+
+ private:
+  cpu_set_t all_;
+#endif
+};
+
+// Sixteen threads on one CPU: most workers are off the core when a job
+// starts, and the dispatcher runs their shares itself. Each block still runs
+// once, and never on a scratch slice another share is using.
+TEST(ThreadPoolTest, DispatcherRunsTheSharesOfWorkersThatHaveNotStarted) {
+  const OneCpu one_cpu;
   ThreadPool pool(16);
-  ASSERT_EQ(sched_setaffinity(0, sizeof all, &all), 0);
   std::uint64_t taken_over = 0;
   for (int job_number = 0; job_number < 300; ++job_number) {
     OwnerJob job;

@@ -3,7 +3,14 @@
 #include <bit>
 
 #if defined(_WIN32)
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
 #include <windows.h>
+// Older Windows SDK and MinGW-w64 headers lack the flag.
+#ifndef PF_ARM_V82_DP_INSTRUCTIONS_AVAILABLE
+#define PF_ARM_V82_DP_INSTRUCTIONS_AVAILABLE 43
+#endif
 #else
 #include <asm/hwcap.h>
 #include <sys/auxv.h>

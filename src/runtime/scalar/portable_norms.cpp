@@ -4,6 +4,7 @@
 // for bit; dim is a multiple of 4.
 #include <cmath>
 
+#include "runtime/fused_multiply_add.h"
 #include "runtime/scalar/portable_kernels.h"
 
 namespace quorvel::kernels {
@@ -18,7 +19,7 @@ float inverse_rms(const bf16* x, size_t dim, float eps) {
   float lane[kLanes] = {0.0f, 0.0f, 0.0f, 0.0f};
   for (size_t i = 0; i < dim; ++i) {
     const float v = widen(x[i]);
-    lane[i % kLanes] = std::fma(v, v, lane[i % kLanes]);
+    lane[i % kLanes] = fused_multiply_add(v, v, lane[i % kLanes]);
   }
   const float sum = (lane[0] + lane[1]) + (lane[2] + lane[3]);
   const float mean = sum / static_cast<float>(dim);
@@ -66,7 +67,7 @@ Moments row_moments(const bf16* x, size_t dim) {
       const float v = widen(x[step * kLanes + j]);
       const float d = v - lane[j].mean;
       lane[j].mean = lane[j].mean + d * r;
-      lane[j].m2 = std::fma(v - lane[j].mean, d, lane[j].m2);
+      lane[j].m2 = fused_multiply_add(v - lane[j].mean, d, lane[j].m2);
     }
   }
   for (Moments& part : lane) part.count = static_cast<float>(steps);

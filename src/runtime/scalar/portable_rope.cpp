@@ -1,6 +1,6 @@
 // Rotary embedding, half-split pairing: element i turns with element i + dim/2.
-#include <cmath>
 
+#include "runtime/fused_multiply_add.h"
 #include "runtime/scalar/portable_kernels.h"
 
 namespace quorvel::kernels {
@@ -17,8 +17,8 @@ void rotate_row(bf16* x, const float* cos, const float* sin, size_t dim) {
   for (size_t i = 0; i < half; ++i) {
     const float a = widen(x[i]);
     const float b = widen(x[i + half]);
-    x[i + half] = narrow_saturate(std::fma(a, sin[i + half], b * cos[i + half]));
-    x[i] = narrow_saturate(std::fma(-b, sin[i], a * cos[i]));
+    x[i + half] = narrow_saturate(fused_multiply_add(a, sin[i + half], b * cos[i + half]));
+    x[i] = narrow_saturate(fused_multiply_add(-b, sin[i], a * cos[i]));
   }
 }
 
