@@ -54,8 +54,9 @@ fuzz-smoke: fuzz
 BENCH_ARGS ?= --benchmark_min_time=0.1
 bench:
 	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON -DQUORVEL_TESTS=OFF
-	cmake --build build-release -j $(JOBS) --target kernels_bench quorvel-inference quorvel-bench
+	cmake --build build-release -j $(JOBS) --target kernels_bench attention_bench quorvel-inference quorvel-bench
 	./build-release/bench/kernels_bench $(BENCH_ARGS)
+	./build-release/bench/attention_bench $(BENCH_ARGS)
 	./build-release/host/quorvel-bench ./build-release/quorvel-inference build-release/bench-models
 
 # Conversion speed on a synthetic checkpoint of the 2B BitNet shape (30
@@ -131,12 +132,14 @@ load-test:
 # (g++-aarch64-linux-gnu) and run under qemu-user (qemu-aarch64), once as a
 # core with the 8-bit dot product (-cpu max, which must get the
 # "neon-dotprod" kernel set) and once as a Cortex-A53 without it ("neon"),
-# the two side by side. It runs the kernel conformance suites and the
+# the two side by side. It runs the kernel conformance suites, the linear
+# layers' tests (the dot-product set splits q8_0 prompts in tiles) and the
 # end-to-end engine tests; those start the engine through qemu as well, so
 # the whole engine runs with each set. First it checks that no function
 # compiled with the dot-product flags can stand in for baseline code.
 ARM_BUILD ?= build-arm
-ARM_TESTS := $(sort $(basename $(notdir $(wildcard tests/runtime/kernel_conformance_*_test.cpp tests/e2e/*_test.cpp))))
+ARM_TESTS := $(sort $(basename $(notdir $(wildcard tests/runtime/kernel_conformance_*_test.cpp tests/e2e/*_test.cpp \
+  tests/layers/auto_linear_test.cpp))))
 ARM_SET_max := neon-dotprod
 ARM_SET_cortex-a53 := neon
 
