@@ -1,9 +1,28 @@
 #include "runtime/x86/prepared_activations.h"
 
+#include <emmintrin.h>
+
 #include <cstring>
 
 namespace quorvel::kernels::x86 {
 namespace {
+
+// The exact sum of n codes. Sixteen at a time as unsigned bytes (code + 128)
+// summed by PSADBW, which SSE2, and so every x86-64 processor, has; the
+// 128 per code comes off at the end.
+std::int32_t code_sum(const std::int8_t* codes, std::size_t n) {
+  const __m128i flip = _mm_set1_epi8(static_cast<char>(0x80));
+  __m128i sums = _mm_setzero_si128();
+  std::size_t i = 0;
+  for (; i + 16 <= n; i += 16) {
+    const __m128i biased = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(codes + i)), flip);
+    sums = _mm_add_epi64(sums, _mm_sad_epu8(biased, _mm_setzero_si128()));
+  }
+  std::int64_t sum = _mm_cvtsi128_si64(sums) + _mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums));
+  sum -= 128 * static_cast<std::int64_t>(i);
+  for (; i < n; ++i) sum += codes[i];
+  return static_cast<std::int32_t>(sum);
+}
 
 void copy_codes(std::int8_t* dst, const std::int8_t* src, std::size_t k, CodeOrder order) {
   if (order == CodeOrder::natural) {
@@ -26,9 +45,8 @@ void prepare_activations(PreparedActivations& p, const std::int8_t* x, const flo
     p.scales[t] = scales[t];
     std::int32_t total = 0;
     for (std::size_t b = 0; b < p.blocks; ++b) {
-      std::int32_t sum = 0;
-      const std::size_t end = b * block_values + block_values < k ? b * block_values + block_values : k;
-      for (std::size_t i = b * block_values; i < end; ++i) sum += row[i];
+      const std::size_t first = b * block_values;
+      const std::int32_t sum = code_sum(row + first, k - first < block_values ? k - first : block_values);
       p.block_sums[b * tokens + t] = sum;
       total += sum;
     }
