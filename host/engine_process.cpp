@@ -8,6 +8,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "tools/lib/utf8_path.h"
+
 namespace quorvel::host {
 namespace {
 
@@ -57,7 +59,7 @@ ProcessResult run_process(const std::vector<std::string>& argv, const std::strin
 }
 
 EngineSession::EngineSession(const std::vector<std::string>& argv, const std::string& stderr_path)
-    : child_(argv, ChildStreams{{}, {}, stderr_path}) {}
+    : child_(argv, ChildStreams{{}, {}, tools::utf8_path(stderr_path)}) {}
 
 EngineSession::~EngineSession() { finish(); }
 

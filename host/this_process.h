@@ -17,6 +17,10 @@ std::filesystem::path this_program();
 // characters, so they come from the wide command line instead.
 std::vector<std::string> program_arguments(int argc, char** argv);
 
+// Sets an environment variable of this process, which the children it
+// starts from then on inherit. Throws std::runtime_error when refused.
+void set_environment_variable(const std::string& name, const std::string& value);
+
 // A file name for a program: "name" with the platform's executable suffix
 // ("name.exe" on Windows).
 std::string executable_name(const std::string& name);

@@ -2,6 +2,7 @@
 // after windows.h
 #include <shellapi.h>
 
+#include <cstdlib>
 #include <stdexcept>
 
 #include "host/this_process.h"
@@ -27,6 +28,12 @@ std::vector<std::string> program_arguments(int /*argc*/, char** /*argv*/) {
   for (int i = 0; i < count; ++i) arguments.push_back(utf8_text(wide[i]));
   LocalFree(wide);
   return arguments;
+}
+
+// Through the C runtime, which updates both its own copy (getenv) and the
+// process's block, which children inherit.
+void set_environment_variable(const std::string& name, const std::string& value) {
+  if (_wputenv_s(wide_text(name).c_str(), wide_text(value).c_str()) != 0) throw std::runtime_error("cannot set " + name);
 }
 
 std::string executable_name(const std::string& name) { return name + ".exe"; }
