@@ -170,6 +170,8 @@ void define_options(CLI::App& app, CommandLine& line) {
 
 int run_convert(std::span<const std::string_view> args, std::ostream& out, std::ostream& err) {
   CLI::App app("Converts a published checkpoint into a model directory the engine runs.", "quorvel-convert");
+  // The same options on every platform: a path such as /data/model is a path on Windows too, not "/data".
+  app.allow_windows_style_options(false);
   CommandLine line;
   define_options(app, line);
   std::vector<std::string> reversed(args.rbegin(), args.rend());
