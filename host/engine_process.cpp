@@ -4,10 +4,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <sstream>
 #include <stdexcept>
 
+#include "host/scratch_directory.h"
 #include "tools/lib/utf8_path.h"
 
 namespace quorvel::host {
@@ -22,32 +22,11 @@ std::string read_file(const fs::path& path) {
   return text.str();
 }
 
-// A new directory of our own under the system's temporary one, removed with the object.
-class ScratchDirectory {
- public:
-  ScratchDirectory() {
-    std::random_device random;
-    do {
-      path_ = fs::temp_directory_path() / ("quorvel-run-" + std::to_string(random()));
-    } while (!fs::create_directory(path_));
-  }
-  ~ScratchDirectory() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  ScratchDirectory(const ScratchDirectory&) = delete;
-  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
-
 }  // namespace
 
 // Files rather than pipes: the child never waits on a full pipe that we do not read yet.
 ProcessResult run_process(const std::vector<std::string>& argv, const std::string& input) {
-  const ScratchDirectory scratch;
+  const ScratchDirectory scratch("quorvel-run-");
   const ChildStreams streams{scratch.path() / "in", scratch.path() / "out", scratch.path() / "err"};
   std::ofstream(streams.input, std::ios::binary) << input;
   ProcessEnd end;

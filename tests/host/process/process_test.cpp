@@ -13,6 +13,7 @@
 
 #include "host/child_process.h"
 #include "host/engine_process.h"
+#include "host/scratch_directory.h"
 #include "host/this_process.h"
 #include "host/windows_command_line.h"
 
@@ -89,12 +90,10 @@ TEST(ChildProcessTest, ArgumentsArriveUnchanged) {
 
 // The program itself in a directory whose name needs quoting and is not ASCII.
 TEST(ChildProcessTest, StartsAProgramWhosePathHasSpacesAndNonAsciiCharacters) {
-  const fs::path dir = fs::temp_directory_path() / fs::path(u8"quorvel process test é 日本");
-  fs::create_directories(dir);
-  const fs::path copy = dir / this_program().filename();
-  fs::copy_file(this_program(), copy, fs::copy_options::overwrite_existing);
+  const ScratchDirectory dir("quorvel process test é 日本 ");
+  const fs::path copy = dir.path() / this_program().filename();
+  fs::copy_file(this_program(), copy);
   const ProcessResult result = run_process(child({"arguments", "modèle-ü"}, copy), "");
-  fs::remove_all(dir);
   ASSERT_EQ(result.exit_status, 0) << result.err;
   EXPECT_EQ(result.out, "modèle-ü\n");
 }
