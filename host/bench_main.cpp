@@ -25,7 +25,9 @@
 #include "host/memory_bandwidth.h"
 #include "host/processor_name.h"
 #include "host/roofline.h"
+#include "host/this_process.h"
 #include "runtime/kernel_sets.h"
+#include "tools/lib/utf8_path.h"
 
 namespace {
 
@@ -127,13 +129,15 @@ void print_competitor_rows(const std::string& engine, const std::vector<fs::path
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> args(argv + 1, argv + argc);
+  std::vector<std::string> args = quorvel::host::program_arguments(argc, argv);
+  const std::string program = args.front();
+  args.erase(args.begin());
   if (args.size() == 4 && args[0] == "--kernel-set") {
-    setenv("QUORVEL_KERNEL_SET", args[1].c_str(), 1);  // inherited by the engines started below
+    quorvel::host::set_environment_variable("QUORVEL_KERNEL_SET", args[1]);  // inherited by the engines started below
     args.erase(args.begin(), args.begin() + 2);
   }
   if (args.size() != 2) {
-    std::cerr << "Usage: " << argv[0] << " [--kernel-set NAME] <engine binary> <model cache directory>" << std::endl;
+    std::cerr << "Usage: " << program << " [--kernel-set NAME] <engine binary> <model cache directory>" << std::endl;
     return 1;
   }
   const quorvel::kernels::KernelSetChoice& choice = quorvel::kernels::chosen_kernel_set();
@@ -147,7 +151,7 @@ int main(int argc, char** argv) {
   print_table_header();
   std::vector<fs::path> models;
   for (const BenchShape& shape : bench_shapes()) {
-    models.push_back(cached_model(args[1], shape));
+    models.push_back(cached_model(quorvel::tools::utf8_path(args[1]), shape));
     for (unsigned threads : {1u, 2u}) print_row(args[0], shape, models.back(), threads, limits);
   }
   print_competitor_rows(args[0], models);

@@ -51,7 +51,8 @@ fs::path cached_model(const fs::path& cache, const BenchShape& shape) {
   const fs::path dir = cache / model_directory_name(shape);
   if (fs::exists(dir / "init.txt")) return dir;
   std::cerr << "writing " << shape.name << " to " << dir << "..." << std::endl;
-  std::vector<std::string_view> args{dir.native()};
+  const std::string dir_text = dir.string();
+  std::vector<std::string_view> args{dir_text};
   for (const auto& o : shape.options) args.push_back(o);
   if (tools::run_make_model(args, std::cerr) != 0) throw std::runtime_error("cannot write the model");
   return dir;

@@ -3,6 +3,7 @@
 //
 //   quorvel-demo <engine binary> <model directory>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <random>
@@ -12,12 +13,14 @@
 
 #include "engine/init_config_parser.h"
 #include "host/engine_process.h"
+#include "host/this_process.h"
+#include "tools/lib/utf8_path.h"
 
 namespace {
 
 using quorvel::host::TimedAnswer;
 
-std::string read_text(const std::string& path) {
+std::string read_text(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
   text << in.rdbuf();
@@ -56,12 +59,13 @@ void report(const char* title, std::size_t prompt_tokens, const TimedAnswer& ans
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::cerr << "Usage: " << argv[0] << " <engine binary> <model directory>" << std::endl;
+  const std::vector<std::string> args = quorvel::host::program_arguments(argc, argv);
+  if (args.size() != 3) {
+    std::cerr << "Usage: " << args.at(0) << " <engine binary> <model directory>" << std::endl;
     return 1;
   }
-  const std::string model_dir = argv[2];
-  const std::string init = read_text(model_dir + "/init.txt");
+  const std::string& model_dir = args[2];
+  const std::string init = read_text(quorvel::tools::utf8_path(model_dir) / "init.txt");
   std::istringstream init_stream(init);
   const quorvel::InitConfig config = quorvel::read_init_config(init_stream);
   std::vector<long long> eos(config.eos_tokens.begin(), config.eos_tokens.begin() + config.num_eos_tokens);
@@ -74,7 +78,7 @@ int main(int argc, char** argv) {
     return tokens;
   };
 
-  quorvel::host::EngineSession engine({argv[1], model_dir});
+  quorvel::host::EngineSession engine({args[1], model_dir});
   engine.send(init);
   quorvel::host::wait_until_loaded(engine);
   const auto first_prompt = prompt(32);

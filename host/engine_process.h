@@ -3,11 +3,12 @@
 #pragma once
 
 #include <chrono>
-#include <cstdio>
+#include <cstddef>
 #include <optional>
 #include <string>
-#include <sys/types.h>
 #include <vector>
+
+#include "host/child_process.h"
 
 namespace quorvel::host {
 
@@ -15,16 +16,12 @@ struct ProcessResult {
   std::string out;
   std::string err;
   int exit_status = -1;  // valid when the process exited normally
-  int signal = 0;        // the terminating signal, 0 when it exited
+  int signal = 0;        // the terminating signal, 0 when it exited (always on Windows)
 };
 
 // Runs `argv` with `input` on standard input until it ends and collects both
 // output streams.
 ProcessResult run_process(const std::vector<std::string>& argv, const std::string& input);
-
-// How a child process ended, in words: "exited with status 1", "was
-// killed by signal 9 (Killed)".
-std::string describe_end(int exit_status, int signal);
 
 // A running engine with pipes on standard input and output; standard error
 // goes to the given file (or is inherited when empty). The engine runs in a
@@ -37,25 +34,25 @@ class EngineSession {
   EngineSession(const EngineSession&) = delete;
   EngineSession& operator=(const EngineSession&) = delete;
 
-  // False when the engine no longer reads (it has ended); the caller must
-  // not have SIGPIPE end the host.
+  // False when the engine no longer reads (it has ended).
   bool send(const std::string& text);
   // The next output line without its line feed; nullopt at end of output.
   std::optional<std::string> read_line();
-  // Closes both pipes and waits; returns the exit status (or 128 + signal).
+  // Closes both pipes and waits; returns the exit status (or 128 + signal;
+  // kKilledStatus after kill()).
   int finish();
-  // Ends the engine at once (SIGKILL) and waits for it.
+  // Ends the engine at once and waits for it.
   void kill();
-  pid_t pid() const { return pid_; }
+  ProcessId pid() const { return child_.id(); }
   // After finish() or kill(): how the process ended, in words.
   std::string how_it_ended() const { return describe_end(exit_status_, signal_); }
 
  private:
-  pid_t pid_ = -1;
+  ChildProcess child_;
+  std::string unread_;  // output read from the pipe beyond the lines returned so far
+  bool output_ended_ = false;
   int exit_status_ = -1;
   int signal_ = 0;
-  std::FILE* to_engine_ = nullptr;
-  std::FILE* from_engine_ = nullptr;
 };
 
 // One answered request as a host sees it: every line with its arrival time.

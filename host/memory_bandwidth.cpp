@@ -1,6 +1,5 @@
 #include "host/memory_bandwidth.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -12,8 +11,10 @@
 namespace quorvel::host {
 namespace {
 
-struct FreeDeleter {
-  void operator()(std::byte* p) const { std::free(p); }
+constexpr std::align_val_t kCacheLine{64};
+
+struct AlignedDeleter {
+  void operator()(std::byte* p) const { ::operator delete(p, kCacheLine); }
 };
 
 }  // namespace
@@ -21,8 +22,7 @@ struct FreeDeleter {
 ReadBandwidth measure_read_bandwidth(unsigned threads, std::uint64_t bytes) {
   const MemoryReadLoop loop = widest_read_loop();
   const std::uint64_t share = bytes / threads / kReadStep * kReadStep;
-  std::unique_ptr<std::byte, FreeDeleter> buffer(static_cast<std::byte*>(std::aligned_alloc(64, share * threads)));
-  if (!buffer) throw std::bad_alloc();
+  std::unique_ptr<std::byte, AlignedDeleter> buffer(static_cast<std::byte*>(::operator new(share * threads, kCacheLine)));
   std::memset(buffer.get(), 1, share * threads);  // fault every page in first
 
   std::vector<std::uint64_t> sums(threads);

@@ -1,7 +1,5 @@
 #include "host/processor_name.h"
 
-#include <fstream>
-
 namespace quorvel::host {
 namespace {
 
@@ -22,11 +20,6 @@ std::string processor_name_from_cpuinfo(std::istream& cpuinfo) {
     if (!name.empty()) return name;
   }
   return "unknown";
-}
-
-std::string processor_name() {
-  std::ifstream cpuinfo("/proc/cpuinfo");
-  return processor_name_from_cpuinfo(cpuinfo);
 }
 
 }  // namespace quorvel::host

@@ -10,7 +10,9 @@ namespace quorvel::host {
 // surrounding spaces; "unknown" when there is none (as on many ARM systems).
 std::string processor_name_from_cpuinfo(std::istream& cpuinfo);
 
-// processor_name_from_cpuinfo on /proc/cpuinfo ("unknown" when unreadable).
+// processor_name_from_cpuinfo on /proc/cpuinfo (processor_name_posix.cpp);
+// on Windows the registry's ProcessorNameString of processor 0
+// (processor_name_windows.cpp). "unknown" when unreadable.
 std::string processor_name();
 
 }  // namespace quorvel::host

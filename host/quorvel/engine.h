@@ -39,7 +39,7 @@ class Engine {
   Engine(std::filesystem::path binary, std::filesystem::path model_dir, const InitConfig& config);
 
   double load_seconds() const { return load_seconds_; }
-  pid_t pid() const { return session_->pid(); }
+  host::ProcessId pid() const { return session_->pid(); }
   const InitConfig& config() const { return config_; }
 
   // What happens to the rest of an answer that is no longer wanted.

@@ -1,6 +1,7 @@
 #include "host/quorvel/session.h"
 
 #include "host/quorvel/command_error.h"
+#include "host/this_process.h"
 
 namespace quorvel::cli {
 
@@ -8,8 +9,8 @@ namespace fs = std::filesystem;
 
 fs::path engine_binary(const fs::path& named) {
   std::error_code error;
-  const fs::path binary = named.empty() ? fs::read_symlink("/proc/self/exe", error).parent_path() / "quorvel-inference"
-                                        : named;
+  const fs::path binary =
+      named.empty() ? host::this_program().parent_path() / host::executable_name("quorvel-inference") : named;
   if (!fs::is_regular_file(binary, error)) {
     throw CommandError("the engine " + binary.string() +
                        " is missing (quorvel starts quorvel-inference from its own directory; --engine PATH names another)");

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <new>
@@ -26,26 +27,33 @@ namespace {
 std::atomic<std::int64_t> g_live_bytes{0};
 std::atomic<std::int64_t> g_peak_bytes{0};
 
-// Each block carries its size in front of the caller's bytes, in a header as
-// wide as the alignment so that the caller's pointer keeps it.
+// Each block carries its size and the pointer malloc gave in front of the
+// caller's bytes, which start at the first multiple of the alignment past
+// them (no aligned allocation function is common to every platform).
+struct BlockHeader {
+  std::size_t size;
+  void* raw;
+};
+
 void* counted_new(std::size_t size, std::size_t alignment) {
-  const std::size_t header = std::max(alignment, alignof(std::max_align_t));
-  void* raw = nullptr;
-  if (posix_memalign(&raw, header, header + size) != 0) throw std::bad_alloc();
-  *static_cast<std::size_t*>(raw) = size;
+  alignment = std::max(alignment, alignof(std::max_align_t));
+  void* raw = std::malloc(sizeof(BlockHeader) + alignment + size);
+  if (raw == nullptr) throw std::bad_alloc();
+  const std::uintptr_t first = reinterpret_cast<std::uintptr_t>(raw) + sizeof(BlockHeader);
+  auto* block = reinterpret_cast<BlockHeader*>((first + alignment - 1) / alignment * alignment);
+  block[-1] = {size, raw};
   const std::int64_t live = g_live_bytes += static_cast<std::int64_t>(size);
   std::int64_t peak = g_peak_bytes.load();
   while (live > peak && !g_peak_bytes.compare_exchange_weak(peak, live)) {
   }
-  return static_cast<char*>(raw) + header;
+  return block;
 }
 
-void counted_delete(void* p, std::size_t alignment) {
+void counted_delete(void* p) {
   if (p == nullptr) return;
-  const std::size_t header = std::max(alignment, alignof(std::max_align_t));
-  void* raw = static_cast<char*>(p) - header;
-  g_live_bytes -= static_cast<std::int64_t>(*static_cast<std::size_t*>(raw));
-  std::free(raw);
+  const BlockHeader header = static_cast<BlockHeader*>(p)[-1];
+  g_live_bytes -= static_cast<std::int64_t>(header.size);
+  std::free(header.raw);
 }
 
 }  // namespace
@@ -54,18 +62,14 @@ void* operator new(std::size_t size) { return counted_new(size, alignof(std::max
 void* operator new[](std::size_t size) { return counted_new(size, alignof(std::max_align_t)); }
 void* operator new(std::size_t size, std::align_val_t a) { return counted_new(size, static_cast<std::size_t>(a)); }
 void* operator new[](std::size_t size, std::align_val_t a) { return counted_new(size, static_cast<std::size_t>(a)); }
-void operator delete(void* p) noexcept { counted_delete(p, alignof(std::max_align_t)); }
-void operator delete[](void* p) noexcept { counted_delete(p, alignof(std::max_align_t)); }
-void operator delete(void* p, std::size_t) noexcept { counted_delete(p, alignof(std::max_align_t)); }
-void operator delete[](void* p, std::size_t) noexcept { counted_delete(p, alignof(std::max_align_t)); }
-void operator delete(void* p, std::align_val_t a) noexcept { counted_delete(p, static_cast<std::size_t>(a)); }
-void operator delete[](void* p, std::align_val_t a) noexcept { counted_delete(p, static_cast<std::size_t>(a)); }
-void operator delete(void* p, std::size_t, std::align_val_t a) noexcept {
-  counted_delete(p, static_cast<std::size_t>(a));
-}
-void operator delete[](void* p, std::size_t, std::align_val_t a) noexcept {
-  counted_delete(p, static_cast<std::size_t>(a));
-}
+void operator delete(void* p) noexcept { counted_delete(p); }
+void operator delete[](void* p) noexcept { counted_delete(p); }
+void operator delete(void* p, std::size_t) noexcept { counted_delete(p); }
+void operator delete[](void* p, std::size_t) noexcept { counted_delete(p); }
+void operator delete(void* p, std::align_val_t) noexcept { counted_delete(p); }
+void operator delete[](void* p, std::align_val_t) noexcept { counted_delete(p); }
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept { counted_delete(p); }
+void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { counted_delete(p); }
 
 namespace quorvel::tools {
 namespace {

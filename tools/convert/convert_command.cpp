@@ -21,6 +21,7 @@
 #include "tools/lib/model_file_writer.h"
 #include "tools/lib/rope_cache_writer.h"
 #include "tools/lib/tensor_layout.h"
+#include "tools/lib/utf8_path.h"
 
 namespace quorvel::convert {
 namespace {
@@ -95,8 +96,8 @@ int convert_model(const CommandLine& line, std::ostream& out, bool redraw) {
   options.max_context = line.max_context;
   if (line.to == "q1_0_128") options.to = tools::WeightFormat::Q1_0;
   if (line.to == "q1.58") options.to = tools::WeightFormat::Q1_58;
-  const fs::path destination(line.paths[1]);
-  const Checkpoint checkpoint = open_checkpoint(line.paths[0], options);
+  const fs::path destination = tools::utf8_path(line.paths[1]);
+  const Checkpoint checkpoint = open_checkpoint(tools::utf8_path(line.paths[0]), options);
   for (const std::string& note : checkpoint.notes) out << note << "\n";
   const ModelConversion conversion(checkpoint);
   StagingDirectory staging(destination, line.force);
@@ -134,7 +135,7 @@ InitConfig read_model_config(const fs::path& model_dir) {
 }
 
 int convert_adapter(const CommandLine& line, std::ostream& out) {
-  const fs::path model_dir(line.paths[0]);
+  const fs::path model_dir = tools::utf8_path(line.paths[0]);
   const InitConfig model = read_model_config(model_dir);
   const fs::path target = model_dir / tools::kLoraFileName;
   const fs::path partial = model_dir / (std::string(tools::kLoraFileName) + ".partial-" + std::to_string(::getpid()));
@@ -169,6 +170,8 @@ void define_options(CLI::App& app, CommandLine& line) {
 
 int run_convert(std::span<const std::string_view> args, std::ostream& out, std::ostream& err) {
   CLI::App app("Converts a published checkpoint into a model directory the engine runs.", "quorvel-convert");
+  // The same options on every platform: a path such as /data/model is a path on Windows too, not "/data".
+  app.allow_windows_style_options(false);
   CommandLine line;
   define_options(app, line);
   std::vector<std::string> reversed(args.rbegin(), args.rend());

@@ -22,6 +22,8 @@ class MappedFile {
   const std::filesystem::path& path() const { return path_; }
 
  private:
+  void unmap() noexcept;
+
   std::filesystem::path path_;
   const std::uint8_t* data_ = nullptr;
   std::size_t size_ = 0;

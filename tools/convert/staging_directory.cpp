@@ -18,7 +18,9 @@ fs::path without_trailing_slash(const fs::path& path) {
 }
 
 fs::path beside(const fs::path& destination, const char* what) {
-  return destination.parent_path() / (destination.filename().string() + what + std::to_string(::getpid()));
+  fs::path name = destination.filename();
+  name += what + std::to_string(::getpid());  // ASCII: no conversion to fear
+  return destination.parent_path() / name;
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "tools/lib/model_file_writer.h"
 #include "tools/lib/rope_cache_writer.h"
 #include "tools/lib/tool_commands.h"
+#include "tools/lib/utf8_path.h"
 
 namespace quorvel::tools {
 namespace {
@@ -19,8 +20,8 @@ void write_model_directory(const MakeModelOptions& options) {
                    config.rope_theta);
   write_init_text(options.output_dir / kInitTextFileName, config);
   if (options.lora) {
-    std::filesystem::create_directories(config.lora_dir);
-    write_lora_file(std::filesystem::path(config.lora_dir) / kLoraFileName, config, *options.lora);
+    std::filesystem::create_directories(utf8_path(config.lora_dir));
+    write_lora_file(utf8_path(config.lora_dir) / kLoraFileName, config, *options.lora);
   }
 }
 

@@ -7,6 +7,7 @@
 #include "engine/init_config_parser.h"
 #include "tools/lib/rope_cache_writer.h"
 #include "tools/lib/tensor_layout.h"
+#include "tools/lib/utf8_path.h"
 
 namespace quorvel::tools {
 
@@ -223,7 +224,7 @@ MakeModelOptions parse_make_model_args(std::span<const std::string_view> args) {
     } else if (arg.starts_with("--") || !options.output_dir.empty()) {
       throw UsageError("unexpected argument '" + std::string(arg) + "'");
     } else {
-      options.output_dir = arg;
+      options.output_dir = utf8_path(arg);
     }
   }
   if (options.output_dir.empty()) throw UsageError("missing output directory");

@@ -6,6 +6,7 @@
 #include "tools/lib/init_text_writer.h"
 #include "tools/lib/rope_cache_writer.h"
 #include "tools/lib/tool_commands.h"
+#include "tools/lib/utf8_path.h"
 
 namespace quorvel::tools {
 
@@ -14,7 +15,7 @@ int run_make_rope(std::span<const std::string_view> args, std::ostream& err) {
     err << "Usage: quorvel-make-rope <Model Directory>" << std::endl;
     return 1;
   }
-  const std::filesystem::path dir(args[0]);
+  const std::filesystem::path dir = utf8_path(args[0]);
   std::ifstream in(dir / kInitTextFileName, std::ios::binary);
   if (!in.is_open()) {
     err << "quorvel-make-rope: could not open " << (dir / kInitTextFileName).string() << std::endl;

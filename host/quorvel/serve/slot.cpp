@@ -25,7 +25,7 @@ Generation Slot::generate(const std::vector<text::TokenId>& prompt, const cli::S
                           const text::Tokenizer& tokenizer, const cli::ReplyOptions& options) {
   // At least the last prompt token is sent again: its row gives the first reply token.
   const std::size_t reused = std::min(shared_prefix(prompt), prompt.size() - 1);
-  const pid_t engine_before = engine_pid();
+  const host::ProcessId engine_before = engine_pid();
   Generation generation;
   generation.request = {reused, {prompt.begin() + static_cast<std::ptrdiff_t>(reused), prompt.end()}, sampling};
   try {

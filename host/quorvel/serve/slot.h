@@ -36,7 +36,7 @@ class Slot {
 
   int index() const { return index_; }
   // The engine's process id, or -1 while it has none (it died and the next request starts one).
-  pid_t engine_pid() const { return engine_ ? engine_->pid() : -1; }
+  host::ProcessId engine_pid() const { return engine_ ? engine_->pid() : -1; }
   double load_seconds() const { return engine_ ? engine_->load_seconds() : 0; }
 
   // How many leading ids of `prompt` the cache already holds.

@@ -5,14 +5,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <vector>
 
 namespace quorvel::host {
 namespace {
 
+constexpr std::align_val_t kCacheLine{64};
+
 struct Aligned {
-  explicit Aligned(std::size_t bytes) : data(static_cast<std::byte*>(std::aligned_alloc(64, bytes))) {}
-  ~Aligned() { std::free(data); }
+  explicit Aligned(std::size_t bytes) : data(static_cast<std::byte*>(::operator new(bytes, kCacheLine))) {}
+  ~Aligned() { ::operator delete(data, kCacheLine); }
   std::byte* data;
 };
 

@@ -222,6 +222,11 @@ TEST_F(Refusals, GgufBlockScalesMustFitTheTarget) {
                            "projections (I2_S, TQ2_0), qwen3 with Q1_0, Q2_0, Q8_0, F16, BF16 or F32 projections");
 }
 
+// A path that begins with a slash is a path on every platform, not a Windows-style option.
+TEST_F(Refusals, AMissingSourceIsNamedEvenWhenItBeginsWithASlash) {
+  expect_refusal("/quorvel-no-such-checkpoint", "/quorvel-no-such-checkpoint: does not exist");
+}
+
 TEST_F(Refusals, AnOccupiedDestinationIsKeptUnlessForced) {
   const fs::path dir = bitnet_checkpoint([](json&, std::vector<TensorBytes>&) {});
   fs::create_directories(out());

@@ -332,9 +332,9 @@ TEST_F(Serve, AClientThatLeavesMidStreamDoesNotWedgeItsSlot) {
 
 // SIGKILL to the engine of slot `index`, which must have one.
 void kill_engine(Server& server, std::size_t index) {
-  const pid_t pid = server.slots().slot(index).engine_pid();
+  const host::ProcessId pid = server.slots().slot(index).engine_pid();
   ASSERT_GT(pid, 0);
-  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  ASSERT_EQ(kill(static_cast<pid_t>(pid), SIGKILL), 0);
 }
 
 TEST_F(Serve, AKilledEngineFailsItsOwnRequestsWith500AndItsSlotStartsAnother) {
@@ -374,7 +374,7 @@ TEST_F(Serve, AKilledEngineFailsItsOwnRequestsWith500AndItsSlotStartsAnother) {
   const json restarted = post(client, "/v1/chat/completions", request);
   EXPECT_EQ(restarted["choices"][0]["message"]["content"], before["choices"][0]["message"]["content"]);
   EXPECT_EQ(restarted["usage"]["prompt_tokens_details"]["cached_tokens"], 0);
-  const pid_t new_engine = running.server().slots().slot(0).engine_pid();
+  const host::ProcessId new_engine = running.server().slots().slot(0).engine_pid();
   ASSERT_GT(new_engine, 0);
   EXPECT_NE(running.line_starting("slot 0: engine pid " + std::to_string(new_engine) + " ready"), "");
 }
