@@ -170,7 +170,8 @@ WIN_BUILD ?= build-windows
 build-windows:
 	cmake -S . -B $(WIN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
-	cmake --build $(WIN_BUILD) -j $(JOBS) --target quorvel-inference quorvel-make-model quorvel-make-rope quorvel_tests
+	cmake --build $(WIN_BUILD) -j $(JOBS) --target quorvel-inference quorvel-make-model quorvel-make-rope quorvel-convert \
+	  quorvel-demo quorvel-bench quorvel_tests
 
 test-windows: build-windows
 	rm -rf $(WIN_BUILD)/tests/test-results
