@@ -22,6 +22,7 @@
 #include "layers/auto_q1_linear.h"
 #include "layers/packed_block_linear.h"
 #include "layers/transpose_copy.h"
+#include "runtime/huge_pages.h"
 
 namespace quorvel::layers {
 
@@ -83,9 +84,15 @@ class KeyCacheLinear final : public CachedLinear<Base> {
 template <typename Base, LayerName kName>
 class ValueCacheLinear final : public CachedLinear<Base> {
  public:
+  // The first position already writes a value into every dimension's row,
+  // so in huge pages it would commit the whole cache at once; in small
+  // pages it commits a page per row, and later positions the pages they
+  // reach.
   ValueCacheLinear(std::istream& stream, std::uint64_t in_shape, std::uint64_t out_shape, std::uint64_t num_heads,
                    bool has_bias, std::uint64_t max_context, QuantFormat lora_format)
-      : CachedLinear<Base>(stream, in_shape, out_shape, num_heads, has_bias, max_context, lora_format) {}
+      : CachedLinear<Base>(stream, in_shape, out_shape, num_heads, has_bias, max_context, lora_format) {
+    advise_small_pages(this->cache_.get(), size_mul(out_shape, max_context, sizeof(bf16)));
+  }
 
   // Appends n value columns at cache_pos and returns the cache base.
   bf16* forward(const std::int8_t* x_q, const float* x_scale, std::uint64_t n, bf16* out,

@@ -17,4 +17,10 @@ namespace quorvel {
 // refusal changes nothing but the speed.
 void advise_huge_pages(void* buffer, std::size_t bytes);
 
+// Asks for small pages only under [buffer, buffer + bytes), also where the
+// system would give huge pages unasked: for a buffer written sparsely, whose
+// every huge page would be committed whole by its first write. Must come
+// before the first write to the range.
+void advise_small_pages(void* buffer, std::size_t bytes);
+
 }  // namespace quorvel

@@ -58,10 +58,19 @@ TEST(HugePages, LargeBuffersAskForThemAndGetThemWhereOffered) {
   EXPECT_GE(huge_page_kilobytes_at(buffer.get() + kBytes / 2), 2048);
 }
 
+TEST(HugePages, ABufferAdvisedSmallPagesGetsNone) {
+  constexpr std::size_t kBytes = std::size_t{64} << 20;
+  AlignedPtr<std::uint8_t> buffer = allocate_aligned<std::uint8_t>(kBytes);
+  advise_small_pages(buffer.get(), kBytes);
+  std::memset(buffer.get(), 1, kBytes);
+  EXPECT_LE(huge_page_kilobytes_at(buffer.get() + kBytes / 2), 0);
+}
+
 TEST(HugePages, AdviceOnARangeWithoutAWholeHugePageIsHarmless) {
   AlignedPtr<std::uint8_t> buffer = allocate_aligned<std::uint8_t>(4096);
   advise_huge_pages(buffer.get(), 4096);
   advise_huge_pages(buffer.get(), 0);
+  advise_small_pages(buffer.get(), 4096);
   std::memset(buffer.get(), 2, 4096);
   EXPECT_EQ(buffer[4095], 2);
 }
