@@ -61,6 +61,22 @@ bool spin_burst(Done done) {
   return done();
 }
 
+// Spins in bursts with a yield between them until `done()` holds; once
+// `patience` has passed, calls `block()` instead, which returns only when
+// it holds. The clock is read only after a yield, whose system call costs
+// far more than the read.
+template <typename Done, typename Block>
+void wait_until(Done done, std::chrono::nanoseconds patience, Block block) {
+  const auto waiting_since = std::chrono::steady_clock::now();
+  while (!spin_burst(done)) {
+    std::this_thread::yield();
+    if (std::chrono::steady_clock::now() - waiting_since > patience) {
+      block();
+      return;
+    }
+  }
+}
+
 // The count the process pool is built with; set_thread_count() has no effect
 // from here on, so that buffers sized by thread_count() match the pool.
 std::uint64_t freeze_thread_count() {
@@ -200,21 +216,8 @@ void ThreadPool::finish_shares(std::uint64_t generation) {
       run_claimed_share(i, generation);
       continue;
     }
-    wait_for_share(slot, generation);
-  }
-}
-
-// Spins, then yields, then blocks (see kWaitBeforeBlocking) until a worker's
-// share is done. The clock is read only after a yield.
-void ThreadPool::wait_for_share(const ShareSlot& slot, std::uint64_t generation) {
-  const auto done = [&] { return slot.done.load(std::memory_order_acquire) >= generation; };
-  const auto waiting_since = std::chrono::steady_clock::now();
-  while (!spin_burst(done)) {
-    std::this_thread::yield();
-    if (std::chrono::steady_clock::now() - waiting_since > kWaitBeforeBlocking) {
-      block_until_done(slot, generation);
-      return;
-    }
+    wait_until([&] { return slot.done.load(std::memory_order_acquire) >= generation; }, kWaitBeforeBlocking,
+               [&] { block_until_done(slot, generation); });
   }
 }
 
@@ -245,21 +248,13 @@ void ThreadPool::worker_loop(std::uint64_t index) {
   }
 }
 
-// Spins until the generation moves past `seen` or the pool stops; after ten
-// idle seconds it parks instead. The clock is read only after a yield, whose
-// system call costs far more than the read.
+// Waits until the generation moves past `seen` or the pool stops; after ten
+// idle seconds it parks instead of spinning.
 void ThreadPool::wait_for_new_generation(std::uint64_t seen) {
-  const auto idle_since = std::chrono::steady_clock::now();
   const auto moved_on = [&] {
     return generation_.value.load(std::memory_order_acquire) != seen || !running_.load(std::memory_order_relaxed);
   };
-  while (!spin_burst(moved_on)) {
-    std::this_thread::yield();
-    if (std::chrono::steady_clock::now() - idle_since > kIdleBeforePark) {
-      park(seen);
-      return;
-    }
-  }
+  wait_until(moved_on, kIdleBeforePark, [&] { park(seen); });
 }
 
 // The sequentially consistent increment of sleepers_ before the predicate's

@@ -100,7 +100,6 @@ class ThreadPool {
   bool claim(std::uint64_t share, std::uint64_t generation);
   void run_claimed_share(std::uint64_t share, std::uint64_t generation);
   void finish_shares(std::uint64_t generation);
-  void wait_for_share(const ShareSlot& slot, std::uint64_t generation);
   void block_until_done(const ShareSlot& slot, std::uint64_t generation);
   void worker_loop(std::uint64_t index);
   void wait_for_new_generation(std::uint64_t seen);
