@@ -16,16 +16,11 @@ using formats::Q1_0TileBlock;
 
 const PayloadText kWeightsText{"Could not read q1_0_128 weights: read_bytes (", "Failed to read q1_0_128 weights"};
 
-// The plain rows pass through a buffer of about this size, a whole number
-// of tiles, reused from batch to batch, so that the layer keeps only the
-// tiles and the buffer's pages stay in the cache instead of being faulted in
-// for every projection; the workers regroup a share of each batch.
-constexpr std::uint64_t kSourceBatchBytes = std::uint64_t{1} << 20;
-
-std::uint64_t source_batch_rows(std::uint64_t in_shape, std::uint64_t out_shape) {
-  const std::uint64_t row_bytes = std::max<std::uint64_t>(AutoQ1Linear::weight_row_bytes(in_shape), 1);
-  const std::uint64_t tiles = std::max<std::uint64_t>(kSourceBatchBytes / row_bytes / Q1_0TileBlock::kRows, 1);
-  return std::min(size_mul(tiles, Q1_0TileBlock::kRows), out_shape);
+// The plain rows pass through a batch buffer of whole tiles
+// (source_batch_rows), so that the layer keeps only the tiles; the workers
+// regroup a share of each batch.
+std::uint64_t tile_batch_rows(std::uint64_t in_shape, std::uint64_t out_shape) {
+  return source_batch_rows(AutoQ1Linear::weight_row_bytes(in_shape), out_shape, Q1_0TileBlock::kRows);
 }
 
 }  // namespace
@@ -47,7 +42,7 @@ std::uint64_t AutoQ1Linear::weight_row_bytes(std::uint64_t in_shape) {
 }
 
 std::uint64_t AutoQ1Linear::source_batch_bytes(std::uint64_t in_shape, std::uint64_t out_shape) {
-  return size_mul(source_batch_rows(in_shape, out_shape), weight_row_bytes(in_shape));
+  return size_mul(tile_batch_rows(in_shape, out_shape), weight_row_bytes(in_shape));
 }
 
 void AutoQ1Linear::read_tiles(std::istream& stream) {
@@ -55,7 +50,7 @@ void AutoQ1Linear::read_tiles(std::istream& stream) {
   const std::uint64_t blocks = in_shape() / BlockQ1_0::kValues;
   const std::uint64_t row_bytes = weight_row_bytes(in_shape());
   const std::uint64_t total_bytes = size_mul(out_shape(), row_bytes);
-  const std::uint64_t batch_rows = source_batch_rows(in_shape(), out_shape());
+  const std::uint64_t batch_rows = tile_batch_rows(in_shape(), out_shape());
   tiles_ = allocate_aligned_elements<Q1_0TileBlock>(size_mul(formats::q1_0_tile_count(out_shape()), blocks));
   const AlignedPtr<BlockQ1_0> source = allocate_aligned_elements<BlockQ1_0>(size_mul(batch_rows, blocks));
   for (std::uint64_t row = 0; row < out_shape(); row += batch_rows) {

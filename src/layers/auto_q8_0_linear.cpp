@@ -13,16 +13,12 @@ namespace {
 const PayloadText kSourceText{"Could not read Q8_0 source BF16 weights: read_bytes (",
                               "Failed to read Q8_0 source BF16 weights"};
 
-// The bf16 source passes through a buffer of about this size, reused from
-// batch to batch of rows, so that it stays in the cache and its pages are
-// touched once per layer instead of once per byte of the file.
-constexpr std::uint64_t kSourceBatchBytes = std::uint64_t{1} << 20;
-
 // Tokens of a tile of the several-token product (see the header).
 constexpr std::uint64_t kTileTokens = 8;
 
-std::uint64_t source_batch_rows(std::uint64_t in_shape) {
-  return std::max<std::uint64_t>(1, kSourceBatchBytes / std::max<std::uint64_t>(size_mul(in_shape, sizeof(bf16)), 1));
+// The bf16 source rows held at once (source_batch_rows).
+std::uint64_t bf16_batch_rows(std::uint64_t in_shape, std::uint64_t out_shape) {
+  return source_batch_rows(size_mul(in_shape, sizeof(bf16)), out_shape);
 }
 
 }  // namespace
@@ -39,7 +35,7 @@ std::uint64_t AutoQ8_0Linear::weight_row_bytes(std::uint64_t in_shape) {
 }
 
 std::uint64_t AutoQ8_0Linear::source_batch_bytes(std::uint64_t in_shape, std::uint64_t out_shape) {
-  return size_mul(std::min(source_batch_rows(in_shape), out_shape), in_shape, sizeof(bf16));
+  return size_mul(bf16_batch_rows(in_shape, out_shape), in_shape, sizeof(bf16));
 }
 
 struct AutoQ8_0Linear::Tiling {
@@ -78,7 +74,7 @@ void AutoQ8_0Linear::quantize_from(std::istream& stream) {
   const std::uint64_t source_row_bytes = size_mul(in_shape(), sizeof(bf16));
   const std::uint64_t source_bytes = size_mul(out_shape(), source_row_bytes);
   std::uint8_t* blocks = allocate_weights();
-  const std::uint64_t batch_rows = source_batch_rows(in_shape());
+  const std::uint64_t batch_rows = bf16_batch_rows(in_shape(), out_shape());
   const AlignedPtr<bf16> source = allocate_aligned<bf16>(source_batch_bytes(in_shape(), out_shape()));
   std::uint64_t row = 0;
   do {

@@ -45,6 +45,13 @@ void read_payload_piece(std::istream& in, void* dst, const PayloadPiece& piece, 
 void read_payload(std::istream& in, void* dst, std::uint64_t bytes, const PayloadText& text,
                   std::uint64_t unit = 1);
 
+// A layer whose payload is transformed at load (quantized, regrouped) reads
+// it through one reused buffer of about 1 MiB of whole rows, so that the
+// buffer stays in the cache and its pages are touched once per layer rather
+// than once per byte of the file. The rows of such a batch: a multiple of
+// `multiple` (at least one multiple), and no more than `rows`.
+std::uint64_t source_batch_rows(std::uint64_t row_bytes, std::uint64_t rows, std::uint64_t multiple = 1);
+
 // Allocates a 128-byte aligned buffer of `count` elements of T and fills it
 // from the stream; a short read releases the buffer before the throw.
 template <typename T>
